@@ -1,0 +1,18 @@
+# Third-party libraries nuvra links against, found the CMake way.
+
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+
+# libuuid is linked by name (-luuid) rather than by the full path pkg-config's imported
+# target would carry, so that a fully static link of nuvra-guid picks the archive.
+pkg_check_modules(UUID REQUIRED uuid)
+add_library(nuvra_libuuid INTERFACE IMPORTED)
+set_target_properties(nuvra_libuuid PROPERTIES
+    INTERFACE_INCLUDE_DIRECTORIES "${UUID_INCLUDE_DIRS}"
+    INTERFACE_LINK_DIRECTORIES "${UUID_LIBRARY_DIRS}"
+    INTERFACE_LINK_LIBRARIES "${UUID_LIBRARIES}")
+
+if(BUILD_TESTING)
+    find_package(GTest REQUIRED)
+    include(GoogleTest)
+endif()

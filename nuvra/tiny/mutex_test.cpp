@@ -1,0 +1,128 @@
+#include "nuvra/tiny/mutex.h"
+
+#include <cerrno>
+#include <future>
+#include <stdexcept>
+#include <string>
+
+#include "gtest/gtest.h"
+#include "nuvra/tiny/internal/mutex_init.h"
+
+namespace nuvra::tiny {
+namespace {
+
+// Asks from a second thread, so that a recursive mutex cannot answer "yes, you hold it".
+// Calls the base primitives directly, so that a recording subclass records nothing.
+bool tryLockFromAnotherThread(NMutex& mutex) {
+    return std::async(std::launch::async,
+                      [&mutex] {
+                          const bool taken = mutex.NMutex::tryLock();
+                          if (taken) {
+                              mutex.NMutex::unlock();
+                          }
+                          return taken;
+                      })
+        .get();
+}
+
+TEST(NMutex, IsRecursiveAndNeedsOneUnlockPerLock) {
+    NMutex mutex;
+    mutex.lock();
+    mutex.lock();
+    EXPECT_TRUE(mutex.tryLock());  // the holder may take it a third time
+    mutex.unlock();
+    EXPECT_FALSE(tryLockFromAnotherThread(mutex));
+    mutex.unlock();
+    EXPECT_FALSE(tryLockFromAnotherThread(mutex));
+    mutex.unlock();
+    EXPECT_TRUE(tryLockFromAnotherThread(mutex));
+}
+
+// Records which primitive the generic interface reached.
+class RecordingMutex : public NMutex {
+  public:
+    void lock() override {
+        calls += "lock ";
+        NMutex::lock();
+    }
+    bool tryLock() override {
+        calls += "tryLock ";
+        return NMutex::tryLock();
+    }
+    void unlock() override {
+        calls += "unlock ";
+        NMutex::unlock();
+    }
+    std::string calls;
+};
+
+TEST(NMutex, GenericInterfaceDispatchesToOverriddenPrimitives) {
+    static const struct {
+        const char* name;
+        void (*call)(NMutex&);
+        const char* expected;
+    } kCases[] = {
+        {"acquire", [](NMutex& m) { m.acquire(); }, "lock "},
+        {"enter", [](NMutex& m) { m.enter(); }, "lock "},
+        {"relock", [](NMutex& m) { m.relock(); }, "lock "},
+        {"tryAcquire", [](NMutex& m) { m.tryAcquire(); }, "tryLock "},
+        {"tryEnter", [](NMutex& m) { m.tryEnter(); }, "tryLock "},
+        {"release", [](NMutex& m) { m.release(); }, "unlock "},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.name);
+        RecordingMutex mutex;
+        mutex.NMutex::lock();  // so that release has something to release
+        c.call(mutex);
+        EXPECT_EQ(mutex.calls, c.expected);
+    }
+}
+
+TEST(NMutexLock, LocksThroughEnterAndUnlocksOnce) {
+    RecordingMutex mutex;
+    {
+        NMutexLock guard(mutex);
+        EXPECT_EQ(mutex.calls, "lock ");
+        guard.release();
+        EXPECT_EQ(mutex.calls, "lock unlock ");
+        EXPECT_TRUE(tryLockFromAnotherThread(mutex));
+        guard.release();
+    }
+    EXPECT_EQ(mutex.calls, "lock unlock ");
+    {
+        NMutexLock guard(mutex);
+        EXPECT_FALSE(tryLockFromAnotherThread(mutex));
+    }
+    EXPECT_EQ(mutex.calls, "lock unlock lock unlock ");
+    EXPECT_TRUE(tryLockFromAnotherThread(mutex));
+}
+
+TEST(NMutexInit, FailuresMapToTheirTexts) {
+    static const struct {
+        int result;
+        const char* message;
+    } kCases[] = {
+        {ENOMEM, "Insufficient memory exists to initialize the mutex."},
+        {EINVAL, "Wrong attributes for mutex."},
+        {EAGAIN, "System resources (other than memory) are unavailable."},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.result);
+        try {
+            internal::throwIfMutexInitFailed(c.result);
+            ADD_FAILURE() << "nothing thrown";
+        } catch (const std::runtime_error& error) {
+            EXPECT_STREQ(error.what(), c.message);
+        }
+    }
+}
+
+TEST(NMutexInit, SuccessAndOtherResultsAreIgnored) {
+    for (int result : {0, EBUSY, EPERM, -1}) {
+        SCOPED_TRACE(result);
+        EXPECT_NO_THROW(internal::throwIfMutexInitFailed(result));
+    }
+}
+
+}  // namespace
+}  // namespace nuvra::tiny

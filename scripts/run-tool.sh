@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds the release preset and runs nuvra-guid once.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+./scripts/setup.sh
+cmake --preset release >/dev/null
+cmake --build --preset release >/dev/null
+exec build/release/tool/nuvra-guid "$@"
