@@ -1,0 +1,442 @@
+#include "nuvra/utils/format.h"
+
+#include <arpa/inet.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cinttypes>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+#include "nuvra/utils/exception.h"
+
+namespace nuvra::utils {
+namespace {
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+
+constexpr char kCanary = '#';
+constexpr uint8_t kByteCanary = 0x23;
+
+// A buffer larger than any size the tests hand out, filled with kCanary so that stray
+// writes show.
+struct Canvas {
+    Canvas() { bytes.fill(kCanary); }
+    char* data() { return bytes.data(); }
+    std::array<char, 64> bytes{};
+};
+
+// What a bounded function must leave for `size`: the string `expected`, terminated within
+// `size` when size >= 1, and not one byte written after that terminator.
+void expectBoundedText(const Canvas& canvas, size_t size, const std::string& expected) {
+    const size_t written = size == 0 ? 0 : expected.size() + 1;
+    ASSERT_LE(written, size);
+    if (size > 0) {
+        EXPECT_EQ(std::string(canvas.bytes.data(), strnlen(canvas.bytes.data(), size)), expected);
+    }
+    EXPECT_TRUE(std::all_of(canvas.bytes.begin() + static_cast<ptrdiff_t>(written),
+                            canvas.bytes.end(), [](char c) { return c == kCanary; }))
+        << "written past the terminator";
+}
+
+// formatBoundedV behind a variadic front, so both take the same table.
+__attribute__((format(printf, 3, 4))) int viaFormatBoundedV(char* buf, size_t size,
+                                                            const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int length = formatBoundedV(buf, size, format, args);
+    va_end(args);
+    return length;
+}
+
+TEST(FormatBounded, CutsAtSizeMinusOneAndTerminates) {
+    static const struct {
+        size_t size;
+        const char* text;
+        int result;
+    } kCases[] = {{0, "", 0},
+                  {1, "", 0},
+                  {2, "a", 1},
+                  {5, "abcd", 4},
+                  {10, "abcdefghi", 9},
+                  {11, "abcdefghij", 10},
+                  {40, "abcdefghij", 10}};
+    for (auto* format : {&formatBounded, &viaFormatBoundedV}) {
+        for (const auto& c : kCases) {
+            SCOPED_TRACE(c.size);
+            Canvas canvas;
+            EXPECT_EQ(format(canvas.data(), c.size, "%s", "abcdefghij"), c.result);
+            expectBoundedText(canvas, c.size, c.text);
+        }
+        EXPECT_EQ(format(nullptr, 10, "%s", "abc"), 0);
+    }
+}
+
+TEST(FormatBounded, CountsFromHugeSizesStayBelowIntMax) {
+    constexpr size_t kTwoGiB = size_t{1} << 31;
+    constexpr size_t kMapped = kTwoGiB + 4096;
+    // Only address space is reserved: the pages written are all that get memory.
+    void* mapped = mmap(nullptr, kMapped, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (mapped == MAP_FAILED) {
+        GTEST_SKIP() << "no room for a 2 GiB mapping";
+    }
+    char* buf = static_cast<char*>(mapped);
+    // A lone surrogate cannot be converted in any locale, so vsnprintf fails.
+    static const wchar_t kUnconvertible[] = {0xd800, 0};
+    static const struct {
+        size_t size;
+        int result;
+    } kCases[] = {{kTwoGiB - 2, 0x7ffffffd},
+                  {kTwoGiB - 1, 0x7ffffffe},
+                  {kTwoGiB, 0x7ffffffe},
+                  {kMapped, 0x7ffffffe}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.size);
+        std::memset(buf + kTwoGiB - 4, kCanary, 8);
+        EXPECT_EQ(formatBounded(buf, c.size, "%ls", kUnconvertible), c.result);
+        EXPECT_EQ(buf[c.result], '\0');
+        EXPECT_EQ(buf[c.result + 1], kCanary);
+    }
+    munmap(mapped, kMapped);
+}
+
+TEST(AppendFormatBounded, AppendsWithinSize) {
+    // "ab" is in place (cut to the size), "cdef" is appended.
+    static const struct {
+        size_t size;
+        const char* text;
+        int result;
+    } kCases[] = {{0, "", 0},       {1, "", 0},       {2, "a", 1},  // no terminator within size
+                  {3, "ab", 2},     {4, "abc", 3},    {6, "abcde", 5},
+                  {7, "abcdef", 6}, {40, "abcdef", 6}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.size);
+        Canvas canvas;
+        std::memcpy(canvas.data(), "ab", std::min<size_t>(c.size, 3));
+        EXPECT_EQ(appendFormatBounded(canvas.data(), c.size, "%s", "cdef"), c.result);
+        expectBoundedText(canvas, c.size, c.text);
+    }
+}
+
+TEST(AppendFormat, AppendsResultsOfAnyLength) {
+    for (const size_t length : {0, 1, 4095, 4096, 4097, 10000}) {
+        SCOPED_TRACE(length);
+        const std::string text(length, 'x');
+        std::string out = "kept:";
+        appendFormat(out, "%s", text.c_str());
+        EXPECT_EQ(out, "kept:" + text);
+    }
+    // A retry after growing must read the arguments from the start again.
+    const std::string longText(5000, 'y');
+    std::string out;
+    appendFormat(out, "%d|%s|%d", 1, longText.c_str(), 2);
+    EXPECT_EQ(out, "1|" + longText + "|2");
+}
+
+TEST(FormatByteSize, SwitchesUnitsAboveEachThreshold) {
+    static const struct {
+        int64_t bytes;
+        const char* text;
+    } kCases[] = {{0, "0 B"},
+                  {4096, "4096 B"},
+                  {4097, "4.00 kB"},
+                  {1048576, "1024.00 kB"},
+                  {1048577, "1.00 MB"},
+                  {1073741824, "1024.00 MB"},
+                  {1073741825, "1.00 GB"},
+                  {5000000000, "4.66 GB"},
+                  {INT64_MAX, "8589934592.00 GB"},
+                  {-1, "-1 B"},
+                  {-5000, "-4.88 kB"},
+                  {-1073741825, "-1.00 GB"},
+                  {INT64_MIN, "-0 B"}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.text);
+        Canvas canvas;
+        EXPECT_EQ(formatByteSize(canvas.data(), 40, c.bytes), static_cast<int>(strlen(c.text)));
+        expectBoundedText(canvas, 40, c.text);
+    }
+    for (const int size : {-1, 0, 1, 4}) {
+        SCOPED_TRACE(size);
+        Canvas canvas;
+        const std::string expected = std::string("-4.88 kB").substr(0, std::max(size - 1, 0));
+        EXPECT_EQ(formatByteSize(canvas.data(), size, -5000), static_cast<int>(expected.size()));
+        expectBoundedText(canvas, static_cast<size_t>(std::max(size, 0)), expected);
+    }
+}
+
+TEST(FormatDuration, AddsDaysFromOneDayOn) {
+    static const struct {
+        uint32_t seconds;
+        const char* text;
+    } kCases[] = {{0, "00:00:00"},
+                  {59, "00:00:59"},
+                  {3661, "01:01:01"},
+                  {86399, "23:59:59"},
+                  {86400, "1 day 00:00:00"},
+                  {90061, "1 day 01:01:01"},
+                  {172861, "2 days 00:01:01"},
+                  {UINT32_MAX, "49710 days 06:28:15"}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.text);
+        Canvas canvas;
+        EXPECT_EQ(formatDuration(c.seconds, canvas.data()), static_cast<int>(strlen(c.text)));
+        expectBoundedText(canvas, kDurationTextSize, c.text);
+    }
+}
+
+TEST(FormatIPv4, PrintsBytesInMemoryOrder) {
+    static const struct {
+        std::array<uint8_t, 4> bytes;
+        uint16_t port;
+        const char* address;
+        const char* addressAndPort;
+    } kCases[] = {{{192, 168, 1, 2}, 8080, "192.168.1.2", "192.168.1.2:8080"},
+                  {{10, 0, 0, 1}, 258, "10.0.0.1", "10.0.0.1:258"},
+                  {{0, 0, 0, 0}, 0, "0.0.0.0", "0.0.0.0:0"},
+                  {{255, 255, 255, 255}, 65535, "255.255.255.255", "255.255.255.255:65535"}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.addressAndPort);
+        uint32_t address = 0;
+        std::memcpy(&address, c.bytes.data(), sizeof(address));
+        Canvas plain;
+        EXPECT_EQ(formatIPv4(plain.data(), address), plain.data());
+        expectBoundedText(plain, kIPv4TextSize, c.address);
+        Canvas withPort;
+        EXPECT_EQ(formatIPv4Port(withPort.data(), address, htons(c.port)), withPort.data());
+        expectBoundedText(withPort, kIPv4PortTextSize, c.addressAndPort);
+    }
+}
+
+std::string printfText(unsigned base, uint64_t value) {
+    char text[32];
+    int length = 0;
+    switch (base) {
+        case 8:
+            length = std::snprintf(text, sizeof(text), "%" PRIo64, value);
+            break;
+        case 10:
+            length = std::snprintf(text, sizeof(text), "%" PRIu64, value);
+            break;
+        default:
+            length = std::snprintf(text, sizeof(text), "%" PRIx64, value);
+            break;
+    }
+    return {text, static_cast<size_t>(length)};
+}
+
+TEST(UInt64ToText, AgreesWithPrintfAndKeepsLowDigitsWhenBounded) {
+    std::mt19937_64 random(0x6e75767261);
+    std::vector<uint64_t> values = {0, 1, UINT64_MAX};
+    for (int i = 0; i < 3000; ++i) {
+        // A random shift mixes short numbers in with long ones.
+        values.push_back(random() >> (random() % 64));
+    }
+    for (const uint64_t value : values) {
+        for (const unsigned base : {8u, 10u, 16u}) {
+            SCOPED_TRACE(testing::Message() << value << " base " << base);
+            const std::string expected = printfText(base, value);
+            Canvas canvas;
+            EXPECT_EQ(uint64ToText(value, canvas.data(), base), canvas.data());
+            expectBoundedText(canvas, kUInt64TextSize, expected);
+
+            const size_t size = 2 + random() % (expected.size() + 1);
+            const std::string kept =
+                expected.substr(expected.size() - std::min(size - 1, expected.size()));
+            Canvas bounded;
+            EXPECT_EQ(uint64ToTextBounded(value, bounded.data(), size, base),
+                      static_cast<int>(kept.size()));
+            expectBoundedText(bounded, size, kept);
+        }
+    }
+}
+
+TEST(UInt64ToText, BoundedSizeEdges) {
+    static const struct {
+        uint64_t value;
+        unsigned base;
+        size_t size;
+        const char* text;
+        int result;
+    } kCases[] = {{123456, 10, 0, "", -1},      {123456, 10, 1, "", 0},
+                  {123456, 10, 4, "456", 3},    {123456, 10, 7, "123456", 6},
+                  {0, 10, 2, "0", 1},           {UINT64_MAX, 36, 14, "3w5e11264sgsf", 13},
+                  {UINT64_MAX, 2, 5, "1111", 4}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(testing::Message() << c.value << " size " << c.size);
+        Canvas canvas;
+        EXPECT_EQ(uint64ToTextBounded(c.value, canvas.data(), c.size, c.base), c.result);
+        expectBoundedText(canvas, c.size, c.text);
+    }
+    char binary[kUInt64TextSize];
+    EXPECT_EQ(uint64ToText(UINT64_MAX, binary, 2), std::string(64, '1'));
+}
+
+TEST(ToOctalString, MatchesPrintf) {
+    for (const unsigned long value : {0ul, 7ul, 8ul, 0755ul, ULONG_MAX}) {
+        EXPECT_EQ(toOctalString(value), printfText(8, value));
+    }
+}
+
+std::array<uint8_t, 8> memoryBytes(uint64_t value) {
+    std::array<uint8_t, 8> bytes{};
+    std::memcpy(bytes.data(), &value, sizeof(value));
+    return bytes;
+}
+
+TEST(ByteSwap64, ReversesTheBytesUnderBothNames) {
+    EXPECT_EQ(byteSwap64(0x0102030405060708), 0x0807060504030201u);
+    // Network order puts the most significant byte first in memory.
+    EXPECT_EQ(memoryBytes(hostToNetwork64(0x0102030405060708)),
+              (std::array<uint8_t, 8>{1, 2, 3, 4, 5, 6, 7, 8}));
+    std::mt19937_64 random(64);
+    for (int i = 0; i < 1000; ++i) {
+        const uint64_t value = random();
+        auto reversed = memoryBytes(value);
+        std::reverse(reversed.begin(), reversed.end());
+        EXPECT_EQ(memoryBytes(byteSwap64(value)), reversed);
+        EXPECT_EQ(hostToNetwork64(value), byteSwap64(value));
+    }
+}
+
+TEST(Hex, KnownTexts) {
+    EXPECT_EQ(toHex(std::string("\x00\xff\x10", 3)), "00ff10");
+    EXPECT_EQ(fromHex("00FF10"), std::string("\x00\xff\x10", 3));
+    EXPECT_EQ(fromHex("aBc"), "\xab");  // the unpaired final character is ignored
+    // Characters that are not digits count as -1; the byte wraps.
+    EXPECT_EQ(fromHex("g00gggx7"), "\xf0\xff\xef\xf7");
+}
+
+TEST(Hex, DigitValuesOfEveryCharacter) {
+    for (int c = CHAR_MIN; c <= CHAR_MAX; ++c) {
+        SCOPED_TRACE(c);
+        const char text[] = {static_cast<char>(c), '\0'};
+        if (std::isxdigit(static_cast<unsigned char>(c))) {
+            EXPECT_EQ(hexDigitValue(text[0]), std::strtol(text, nullptr, 16));
+        } else {
+            EXPECT_THAT([&] { hexDigitValue(text[0]); },
+                        ThrowsMessage<Exception>(StrEq("Wrong hex character.")));
+        }
+    }
+}
+
+std::string printfHex(const std::string& bytes) {
+    std::string hex(2 * bytes.size() + 1, '\0');
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        const unsigned byte = static_cast<uint8_t>(bytes[i]);
+        if (std::snprintf(&hex[2 * i], 3, "%02x", byte) != 2) {
+            return "snprintf failed";
+        }
+    }
+    hex.pop_back();
+    return hex;
+}
+
+TEST(Hex, CodecsAgreeAndRoundTrip) {
+    std::mt19937_64 random(16);
+    for (size_t length = 0; length < 300; ++length) {
+        SCOPED_TRACE(length);
+        std::string bytes(length, '\0');
+        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
+        const auto* raw = reinterpret_cast<const uint8_t*>(bytes.data());
+        const std::string hex = toHex(bytes);
+        EXPECT_EQ(hex, printfHex(bytes));
+        std::string upper = hex;
+        std::transform(upper.begin(), upper.end(), upper.begin(),
+                       [](char c) { return static_cast<char>(std::toupper(c)); });
+        EXPECT_EQ(fromHex(hex), bytes);
+        EXPECT_EQ(fromHex(upper), bytes);
+
+        // The raw codecs write exactly their output and nothing after it.
+        std::vector<char> encoded(2 * length + 1, kCanary);
+        encodeHex(encoded.data(), raw, length);
+        EXPECT_EQ(std::string(encoded.data(), 2 * length), hex);
+        EXPECT_EQ(encoded.back(), kCanary);
+        std::vector<uint8_t> decoded(length + 1, kByteCanary);
+        decodeHex(decoded.data(), upper.data(), upper.size());
+        EXPECT_EQ(std::string(decoded.begin(), decoded.end() - 1), bytes);
+        EXPECT_EQ(decoded.back(), kByteCanary);
+    }
+}
+
+const uint8_t kThreeBytes[] = {0x00, 0xab, 0x7f};
+
+TEST(EncodeHexChecked, NeedsRoomForDigitsAndTerminator) {
+    static const struct {
+        bool nullDst;
+        size_t size;
+        bool nullSrc;
+        size_t n;
+        bool result;
+        const char* text;
+    } kCases[] = {{false, 0, false, 3, false, ""},      {true, 10, false, 3, false, ""},
+                  {false, 1, false, 3, false, ""},      {false, 6, false, 3, false, ""},
+                  {false, 7, false, 3, true, "00ab7f"}, {false, 40, false, 3, true, "00ab7f"},
+                  {false, 1, false, 0, true, ""},       {false, 10, true, 3, false, ""},
+                  {false, 10, true, 0, true, ""}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(testing::Message() << "size " << c.size << " n " << c.n);
+        Canvas canvas;
+        EXPECT_EQ(encodeHexChecked(c.nullDst ? nullptr : canvas.data(), c.size,
+                                   c.nullSrc ? nullptr : kThreeBytes, c.n),
+                  c.result);
+        expectBoundedText(canvas, c.nullDst ? 0 : c.size, c.text);
+    }
+}
+
+TEST(DecodeHexChecked, NeedsHalfTheLength) {
+    static const struct {
+        bool nullDst;
+        size_t size;
+        bool nullSrc;
+        size_t length;
+        bool result;
+        size_t written;
+    } kCases[] = {{true, 0, true, 0, true, 0},    {false, 0, false, 6, false, 0},
+                  {true, 10, false, 6, false, 0}, {false, 10, true, 6, false, 0},
+                  {false, 2, false, 6, false, 0}, {false, 3, false, 6, true, 3},
+                  {false, 2, false, 5, true, 2},  {false, 16, false, 6, true, 3}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(testing::Message() << "size " << c.size << " length " << c.length);
+        std::array<uint8_t, 16> out;
+        out.fill(kByteCanary);
+        EXPECT_EQ(decodeHexChecked(c.nullDst ? nullptr : out.data(), c.size,
+                                   c.nullSrc ? nullptr : "00AB7F", c.length),
+                  c.result);
+        EXPECT_TRUE(std::equal(out.begin(), out.begin() + c.written, kThreeBytes));
+        EXPECT_TRUE(std::all_of(out.begin() + c.written, out.end(),
+                                [](uint8_t b) { return b == kByteCanary; }));
+    }
+}
+
+TEST(HexDump, SeparatesBytesAndEndsOnTheTerminator) {
+    static const struct {
+        size_t size;
+        size_t n;
+        char separator;
+        const char* text;  // null: hexDump returns null
+    } kCases[] = {{0, 3, ':', nullptr},    {1, 3, ':', ""},          {8, 3, ':', ""},
+                  {9, 3, ':', "00:ab:7f"}, {40, 3, ' ', "00 ab 7f"}, {3, 1, ':', "00"},
+                  {40, 0, ':', ""}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(testing::Message() << "size " << c.size << " n " << c.n);
+        Canvas canvas;
+        const char* result = hexDump(canvas.data(), c.size, c.separator, kThreeBytes, c.n);
+        EXPECT_EQ(result, c.text == nullptr ? nullptr : canvas.data());
+        expectBoundedText(canvas, c.size, c.text == nullptr ? "" : c.text);
+    }
+}
+
+}  // namespace
+}  // namespace nuvra::utils
