@@ -12,6 +12,13 @@ set_target_properties(nuvra_libuuid PROPERTIES
     INTERFACE_LINK_DIRECTORIES "${UUID_LIBRARY_DIRS}"
     INTERFACE_LINK_LIBRARIES "${UUID_LIBRARIES}")
 
+# libcrypto is checked through find_package, then linked by name for the same reason.
+find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto)
+add_library(nuvra_libcrypto INTERFACE IMPORTED)
+set_target_properties(nuvra_libcrypto PROPERTIES
+    INTERFACE_INCLUDE_DIRECTORIES "${OPENSSL_INCLUDE_DIR}"
+    INTERFACE_LINK_LIBRARIES "crypto")
+
 if(BUILD_TESTING)
     find_package(GTest REQUIRED)
     include(GoogleTest)

@@ -1,0 +1,200 @@
+#include "nuvra/crypto/stream_digest.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <new>
+
+#include "nuvra/crypto/internal/sha0.h"
+#include "nuvra/ssl/ssl_err_handler.h"
+#include "nuvra/utils/format.h"
+#include "nuvra/utils/singleton_factory.h"
+
+namespace nuvra::crypto {
+namespace {
+
+// Leaves the calling thread's OpenSSL errors with the process-wide handler, for the caller
+// to fetch: a stream cannot report them itself.
+void recordSslErrors() {
+    utils::SingletonFactory<ssl::SslErrHandler, utils::DestroyAtExit>::getInstance()
+        ->recordErrors();
+}
+
+int evpUpdate(EVP_MD_CTX* context, const unsigned char* data, size_t count) {
+    return EVP_DigestUpdate(context, data, count);
+}
+
+bool isLatin1Lead(unsigned char byte) { return byte >= 0xC0 && byte <= 0xC3; }
+
+bool isContinuation(unsigned char byte) { return byte >= 0x80 && byte <= 0xBF; }
+
+// Whether foldLatin1Update rewrites the block: only two-byte sequences for U+0000 to U+00FF
+// (overlong ones included), and a lead byte cut off at the end of the block.
+bool shouldFold(const unsigned char* data, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        if (data[i] >= 0xC4) {
+            return false;
+        }
+        if (isLatin1Lead(data[i]) && i + 1 < count && !isContinuation(data[i + 1])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+namespace internal {
+
+int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t count) {
+    if (!shouldFold(data, count)) {
+        return EVP_DigestUpdate(context, data, count);
+    }
+    int result = 1;
+    size_t runStart = 0;
+    for (size_t i = 0; i < count; ++i) {
+        if (!isLatin1Lead(data[i])) {
+            continue;
+        }
+        if (i > runStart) {
+            result = EVP_DigestUpdate(context, data + runStart, i - runStart);
+        }
+        if (i + 1 == count) {
+            // A lead byte whose continuation is not in this block is dropped. The stream
+            // hands over one byte at a time, so it drops every lead byte; kept, since
+            // digests made that way are stored.
+            return result;
+        }
+        const auto folded = static_cast<unsigned char>((data[i] << 6U) | (data[i + 1] & 0x3FU));
+        result = EVP_DigestUpdate(context, &folded, 1);
+        ++i;
+        runStart = i + 1;
+    }
+    if (count > runStart) {
+        result = EVP_DigestUpdate(context, data + runStart, count - runStart);
+    }
+    return result;
+}
+
+}  // namespace internal
+
+StreamDigest::BufDigest::BufDigest()
+    : context_(EVP_MD_CTX_new()), algorithm_(EVP_md_null()), update_(&evpUpdate) {
+    if (context_ == nullptr) {
+        throw std::bad_alloc();
+    }
+}
+
+StreamDigest::BufDigest::~BufDigest() { EVP_MD_CTX_free(context_); }
+
+void StreamDigest::BufDigest::setAlgorithm(const EVP_MD* algorithm) {
+    algorithm_ = algorithm;
+    sha0_.reset();
+    needsInitialisation_ = true;
+}
+
+void StreamDigest::BufDigest::setUpdateFunction(UpdateFunction update) {
+    update_ = update;
+    needsInitialisation_ = true;
+}
+
+void StreamDigest::BufDigest::useSha0() {
+    sha0_ = std::make_unique<internal::Sha0>();
+    needsInitialisation_ = true;
+}
+
+void StreamDigest::BufDigest::startIfNeeded() {
+    if (!needsInitialisation_) {
+        return;
+    }
+    needsInitialisation_ = false;
+    if (sha0_ != nullptr) {
+        sha0_->reset();
+        started_ = true;
+        return;
+    }
+    // Re-initialising the same context: libcrypto keeps what it can of the previous digest's
+    // set-up.
+    started_ = EVP_DigestInit_ex(context_, algorithm_, nullptr) != 0;
+    if (!started_) {
+        recordSslErrors();
+    }
+}
+
+bool StreamDigest::BufDigest::hash(const unsigned char* data, size_t count) {
+    if (!started_) {
+        return false;
+    }
+    if (sha0_ != nullptr) {
+        sha0_->update(data, count);
+        return true;
+    }
+    return update_(context_, data, count) != 0;
+}
+
+StreamDigest::BufDigest::int_type StreamDigest::BufDigest::overflow(int_type c) {
+    startIfNeeded();
+    if (!traits_type::eq_int_type(c, traits_type::eof())) {
+        const auto byte = static_cast<unsigned char>(traits_type::to_char_type(c));
+        if (!hash(&byte, 1) && started_) {
+            recordSslErrors();
+        }
+    }
+    return traits_type::not_eof(c);
+}
+
+uint32_t StreamDigest::BufDigest::finish(unsigned char* output) {
+    if (needsInitialisation_) {
+        return 0;
+    }
+    needsInitialisation_ = true;
+    if (!started_) {
+        return 0;
+    }
+    started_ = false;
+    if (sha0_ != nullptr) {
+        const internal::Sha0::Digest digest = sha0_->finish();
+        std::copy(digest.begin(), digest.end(), output);
+        return static_cast<uint32_t>(digest.size());
+    }
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(context_, output, &length) == 0) {
+        recordSslErrors();
+        return 0;
+    }
+    return length;
+}
+
+StreamDigest::StreamDigest() : std::ostream(nullptr) { rdbuf(&buffer_); }
+
+StreamDigest::~StreamDigest() = default;
+
+std::string StreamDigest::digest(bool evenIfEmpty) {
+    if (evenIfEmpty && length_ == 0) {
+        buffer_.startIfNeeded();
+    }
+    if (!buffer_.needsInitialisation()) {
+        flush();
+        length_ = buffer_.finish(output_.data());
+    }
+    return {reinterpret_cast<const char*>(output_.data()), length_};
+}
+
+std::string StreamDigest::hexDigest(bool evenIfEmpty) { return utils::toHex(digest(evenIfEmpty)); }
+
+StreamDigestMD5::StreamDigestMD5(bool foldUtf8ToLatin1) : foldUtf8ToLatin1_(foldUtf8ToLatin1) {
+    digestBuffer().setAlgorithm(EVP_md5());
+    if (foldUtf8ToLatin1) {
+        digestBuffer().setUpdateFunction(&internal::foldLatin1Update);
+    }
+}
+
+StreamDigestRIPEMD160::StreamDigestRIPEMD160() { digestBuffer().setAlgorithm(EVP_ripemd160()); }
+
+StreamDigestSHA::StreamDigestSHA() { digestBuffer().useSha0(); }
+
+StreamDigestSHA1::StreamDigestSHA1() { digestBuffer().setAlgorithm(EVP_sha1()); }
+
+StreamDigestSHA512::StreamDigestSHA512() { digestBuffer().setAlgorithm(EVP_sha512()); }
+
+}  // namespace nuvra::crypto

@@ -1,0 +1,189 @@
+// nuvra::crypto::StreamDigest and its subclasses: output streams that compute a message
+// digest of everything written to them, for MD5, RIPEMD-160, SHA-0, SHA-1 and SHA-512.
+//
+// Write with the ordinary stream operations (<<, write, put), then ask for digest() (raw
+// bytes) or hexDigest() (lower-case hexadecimal text). Asking ends the digest; the next byte
+// written starts a new one over the new bytes only.
+//
+// Digest failures are never thrown and never show in the stream's state: a failed libcrypto
+// call makes the calling thread's OpenSSL error queue be recorded with the process-wide
+// nuvra::ssl::SslErrHandler, from where the caller on the same thread can fetch the texts
+// (takeErrorText). Only allocation failures throw (std::bad_alloc).
+//
+// A stream belongs to one thread at a time.
+
+#ifndef NUVRA_CRYPTO_STREAM_DIGEST_H_
+#define NUVRA_CRYPTO_STREAM_DIGEST_H_
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <ostream>
+#include <streambuf>
+#include <string>
+
+// libcrypto's digest types, declared as <openssl/types.h> declares them, so that this header
+// does not need OpenSSL's.
+struct evp_md_st;
+struct evp_md_ctx_st;
+using EVP_MD = evp_md_st;
+using EVP_MD_CTX = evp_md_ctx_st;
+
+namespace nuvra::crypto {
+
+namespace internal {
+template <unsigned ScheduleRotation>
+class Sha160;
+}  // namespace internal
+
+// A stream whose digest is always empty (libcrypto's null digest); the subclasses below set
+// a real algorithm.
+class StreamDigest : public std::ostream {
+  public:
+    // The stream's buffer. It has no put area: every byte written reaches the digest at
+    // once, one update per byte, so a flush never has anything to pass on. Only overflow
+    // differs from std::streambuf.
+    class BufDigest : public std::streambuf {
+      public:
+        // Hashes `count` bytes at `data` into a context started with the buffer's algorithm;
+        // 1 on success, 0 on failure with the reason in OpenSSL's error queue, as
+        // EVP_DigestUpdate (the default) does.
+        using UpdateFunction = int (*)(EVP_MD_CTX* context, const unsigned char* data,
+                                       size_t count);
+
+        // Allocates the digest context; the algorithm is EVP_md_null(). Throws
+        // std::bad_alloc when libcrypto cannot allocate the context.
+        BufDigest();
+        ~BufDigest() override;
+
+        BufDigest(const BufDigest&) = delete;
+        BufDigest& operator=(const BufDigest&) = delete;
+
+        // Choose how the next digest is computed. Each abandons a digest in progress, so the
+        // next byte starts afresh. The owning stream's constructor sets them.
+        //
+        // setAlgorithm: the libcrypto algorithm; also drops useSha0.
+        void setAlgorithm(const EVP_MD* algorithm);
+        // setUpdateFunction: what hashes the written bytes for a libcrypto algorithm.
+        void setUpdateFunction(UpdateFunction update);
+        // useSha0: the library's own SHA-0 (libcrypto has none) instead of libcrypto.
+        void useSha0();
+
+        // True when no digest is in progress: after construction and after every finish.
+        bool needsInitialisation() const { return needsInitialisation_; }
+
+        // Starts a digest when none is in progress, as the next written byte would; so that
+        // finishing right away gives the digest of empty input.
+        void startIfNeeded();
+
+        // Ends the digest in progress, writes it to `output` (room for 64 bytes) and returns
+        // its length; the next byte starts a new digest. Returns 0 and writes nothing when
+        // no digest is in progress, when the digest could not be started or finished, or
+        // for the null algorithm.
+        uint32_t finish(unsigned char* output);
+
+      protected:
+        // Hashes `c` (nothing for end-of-file), starting a digest first if needed. Always
+        // reports success: failures go to the error handler.
+        int_type overflow(int_type c) override;
+
+      private:
+        bool hash(const unsigned char* data, size_t count);
+
+        EVP_MD_CTX* context_;
+        bool needsInitialisation_ = true;
+        const EVP_MD* algorithm_;
+        UpdateFunction update_;
+        // Set when hashing with the library's SHA-0; the context is then unused.
+        std::unique_ptr<internal::Sha160<0>> sha0_;
+        // Whether the digest in progress was started successfully. Bytes written after a
+        // failed start are dropped rather than fed to a context that has no algorithm.
+        bool started_ = false;
+    };
+
+    StreamDigest();
+    ~StreamDigest() override;
+
+    StreamDigest(const StreamDigest&) = delete;
+    StreamDigest& operator=(const StreamDigest&) = delete;
+
+    // The raw digest (16 bytes for MD5, 20 for RIPEMD-160, SHA-0 and SHA-1, 64 for SHA-512,
+    // none for the plain StreamDigest) of the bytes written since the last digest ended.
+    //
+    // With nothing written since then, returns the last digest again; before any digest was
+    // produced, that is "" unless `evenIfEmpty`, which gives the digest of empty input.
+    // After a failure (see the header comment), the result may be empty.
+    virtual std::string digest(bool evenIfEmpty);
+
+    // digest(evenIfEmpty), called virtually so that an override counts, as lower-case
+    // hexadecimal text, two digits per byte.
+    virtual std::string hexDigest(bool evenIfEmpty);
+
+  protected:
+    BufDigest& digestBuffer() { return buffer_; }
+
+  private:
+    BufDigest buffer_;
+    std::array<unsigned char, 64> output_{};
+    // Length of the last digest produced; 0 until one was (and always for the null digest).
+    uint32_t length_ = 0;
+};
+
+// MD5, optionally after folding UTF-8 to Latin-1.
+class StreamDigestMD5 : public StreamDigest {
+  public:
+    // Plain MD5 when `foldUtf8ToLatin1` is false.
+    //
+    // When true, each byte written passes through the Latin-1 fold (internal::
+    // foldLatin1Update) on its own, because the stream hands bytes over one at a time: a
+    // byte 0xC0 to 0xC3 is dropped and every other byte is hashed as it is. Text written as
+    // UTF-8 therefore hashes as Latin-1 for U+0080 to U+00BF; for U+00C0 to U+00FF only the
+    // second UTF-8 byte is hashed ("é", C3 A9, hashes as A9, not E9). Kept: digests stored
+    // by callers were made this way.
+    explicit StreamDigestMD5(bool foldUtf8ToLatin1);
+
+    bool foldsUtf8ToLatin1() const { return foldUtf8ToLatin1_; }
+
+  private:
+    bool foldUtf8ToLatin1_;
+};
+
+class StreamDigestRIPEMD160 : public StreamDigest {
+  public:
+    StreamDigestRIPEMD160();
+};
+
+// SHA-0, computed by the library itself since libcrypto no longer has it.
+class StreamDigestSHA : public StreamDigest {
+  public:
+    StreamDigestSHA();
+};
+
+class StreamDigestSHA1 : public StreamDigest {
+  public:
+    StreamDigestSHA1();
+};
+
+class StreamDigestSHA512 : public StreamDigest {
+  public:
+    StreamDigestSHA512();
+};
+
+namespace internal {
+
+// The Latin-1 fold of StreamDigestMD5, for one block of bytes, hashed into `context` (an
+// MD5 digest in progress) with EVP_DigestUpdate. Internal to nuvra; declared here for tests.
+//
+// The block is hashed unchanged when any byte is 0xC4 or above, or when a byte 0xC0 to 0xC3
+// is followed by a byte outside 0x80 to 0xBF. Otherwise each byte 0xC0 to 0xC3 and the byte
+// after it are hashed as the one byte (lead << 6 | (next & 0x3F)), truncated to 8 bits; runs
+// of other bytes are hashed as they are, one update per run; a byte 0xC0 to 0xC3 at the very
+// end of the block is dropped. Returns the result of the last update made, 1 when none was.
+int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t count);
+
+}  // namespace internal
+
+}  // namespace nuvra::crypto
+
+#endif  // NUVRA_CRYPTO_STREAM_DIGEST_H_
