@@ -53,8 +53,7 @@ std::string repeated(const std::string& piece, int times) {
 const SearchInput kSearchInputs[] = {
     {"shortHit", "Content-Type: text/html; charset=UTF-8", "CHARSET"},
     {"prose", std::string(64, 'x') + " the Quick brown fox jumps over the lazy dog", "LAZY DOG"},
-    {"logMiss", repeated("2026-11-22 07:25:43 info worker 7 finished job 1234\n", 80),
-     "ERROR:"},
+    {"logMiss", repeated("2026-11-22 07:25:43 info worker 7 finished job 1234\n", 80), "ERROR:"},
     // Highly periodic text and pattern: the worst case for a linear search that has to
     // look at every character.
     {"periodicMiss", std::string(4096, 'a') + "b", "AAAAAAAAAAAAAAAC"},

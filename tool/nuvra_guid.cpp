@@ -6,9 +6,13 @@
 #include <iostream>
 #include <string>
 
+#include "nuvra/utils/random_source.h"
 #include "nuvra/utils/uuid.h"
 
 int main() {
+    // Prepared for its side effect alone: without the random device it seeds rand() for
+    // this thread. The printed value does not depend on it.
+    const nuvra::utils::RandomSource randomSource;
     const std::string text = nuvra::utils::Uuid().toString();
     std::cout << text << std::endl;
     return 0;

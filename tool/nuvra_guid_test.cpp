@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "gmock/gmock.h"
@@ -42,8 +43,8 @@ std::string readAll(int fd) {
     return text;
 }
 
-RunResult runTool(Stdout mode, std::vector<std::string> args = {}) {
-    args.insert(args.begin(), NUVRA_GUID_PATH);
+// Runs args[0] with the rest as its arguments.
+RunResult run(Stdout mode, std::vector<std::string> args) {
     std::vector<char*> argv;
     argv.reserve(args.size() + 1);
     for (std::string& arg : args) {
@@ -88,6 +89,11 @@ RunResult runTool(Stdout mode, std::vector<std::string> args = {}) {
     return result;
 }
 
+RunResult runTool(Stdout mode, std::vector<std::string> args = {}) {
+    args.insert(args.begin(), NUVRA_GUID_PATH);
+    return run(mode, std::move(args));
+}
+
 void expectCleanExit(const RunResult& result) {
     ASSERT_TRUE(WIFEXITED(result.status)) << "status " << result.status;
     EXPECT_EQ(WEXITSTATUS(result.status), 0);
@@ -113,6 +119,22 @@ TEST(NuvraGuid, ExitsZeroSilentlyWhenOutputFails) {
         SCOPED_TRACE(mode == Stdout::kClosed ? "stdout closed" : "stdout is /dev/full");
         expectCleanExit(runTool(mode));
     }
+}
+
+TEST(NuvraGuid, PrintsAGuidWithoutTheRandomDevice) {
+    // An empty /dev in a private mount namespace hides /dev/urandom from the tool alone.
+    constexpr int kNoNamespace = 77;
+    const RunResult result =
+        run(Stdout::kPipe,
+            {"/usr/bin/unshare", "--mount", "/bin/sh", "-c",
+             "mount -t tmpfs tmpfs /dev 2>/dev/null || exit 77; exec \"$0\"", NUVRA_GUID_PATH});
+    const bool exited = WIFEXITED(result.status);
+    if (exited && (WEXITSTATUS(result.status) == kNoNamespace ||
+                   result.err.find("unshare:") != std::string::npos)) {
+        GTEST_SKIP() << "cannot hide /dev/urandom here: " << result.err;
+    }
+    expectCleanExit(result);
+    EXPECT_THAT(result.out, MatchesRegex(kGuidLine));
 }
 
 }  // namespace
