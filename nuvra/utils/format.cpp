@@ -145,13 +145,6 @@ int formatBoundedV(char* buf, size_t size, const char* format, va_list args) {
 }
 
 int formatBounded(char* buf, size_t size, const char* format, ...) {
-    if (buf == nullptr || size == 0) {
-        return 0;
-    }
-    if (size == 1) {
-        buf[0] = '\0';
-        return 0;
-    }
     va_list args;
     va_start(args, format);
     const int length = formatBoundedV(buf, size, format, args);
