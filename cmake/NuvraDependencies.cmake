@@ -19,6 +19,13 @@ set_target_properties(nuvra_libcrypto PROPERTIES
     INTERFACE_INCLUDE_DIRECTORIES "${OPENSSL_INCLUDE_DIR}"
     INTERFACE_LINK_LIBRARIES "crypto")
 
+# Boost.Regex likewise: checked through its CMake package, linked by name.
+find_package(Boost 1.74 REQUIRED COMPONENTS regex)
+add_library(nuvra_boost_regex INTERFACE IMPORTED)
+set_target_properties(nuvra_boost_regex PROPERTIES
+    INTERFACE_INCLUDE_DIRECTORIES "${Boost_INCLUDE_DIRS}"
+    INTERFACE_LINK_LIBRARIES "boost_regex")
+
 if(BUILD_TESTING)
     find_package(GTest REQUIRED)
     include(GoogleTest)

@@ -1,0 +1,340 @@
+#include "nuvra/utils/directory.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/regex.hpp>
+#include <cstdlib>
+#include <cstring>
+
+namespace nuvra::utils {
+
+// ---------------------------------------------------------------------------------------
+// DirectoryReader
+
+DirectoryReader::~DirectoryReader() {
+    if (isOpen()) {
+        close();
+    }
+}
+
+bool DirectoryReader::open(const char* path, uint32_t flags) {
+    if (path == nullptr || isOpen()) {
+        return false;
+    }
+    flags_ = flags;
+    dir_ = opendir(path);
+    if (dir_ == nullptr) {
+        return false;
+    }
+    path_ = strdup(path);
+    if (path_ == nullptr) {
+        closedir(dir_);
+        dir_ = nullptr;
+        return false;
+    }
+    open_ = 1;
+    return true;
+}
+
+dirent64* DirectoryReader::readEntry() {
+    if (!isOpen()) {
+        return nullptr;
+    }
+    dirent64* result = nullptr;
+// readdir64_r is deprecated, but it fills the reader's own entry, which stays valid for the
+// caller however the stream's internal buffer is reused.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    if (readdir64_r(dir_, &entry_, &result) != 0 || result == nullptr) {
+        return nullptr;
+    }
+#pragma GCC diagnostic pop
+    if (result->d_type == DT_UNKNOWN) {
+        fixEntryType(result, path_);
+    }
+    return result;
+}
+
+bool DirectoryReader::rewind() {
+    if (isOpen()) {
+        rewinddir(dir_);
+    }
+    return isOpen();
+}
+
+bool DirectoryReader::close() {
+    if (!isOpen() || closedir(dir_) != 0) {
+        return false;
+    }
+    std::free(path_);
+    path_ = nullptr;
+    dir_ = nullptr;
+    flags_ = 0;
+    open_ = 0;
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------
+// DirectoryIterator
+
+namespace {
+
+constexpr uint32_t kModeIncludeAll = 1;
+constexpr uint32_t kModeRecursive = 2;
+constexpr size_t kCwdBufferSize = 512;
+
+// Matches "." and "..": always the first filter, excluding them.
+const char* const kDotsPattern = R"(^\.\.?$)";
+
+std::string joinPath(const std::string& directory, const char* name) {
+    std::string path = directory;
+    if (path.empty() || path.back() != '/') {
+        path += '/';
+    }
+    path += name;
+    return path;
+}
+
+}  // namespace
+
+// What a filter's expression is matched against; negative kinds exclude on a match.
+enum class DirectoryIterator::Kind : int32_t {
+    kExcludeName = -3,
+    kExcludeRelativePath = -2,
+    kExcludeFullPath = -1,
+    kIncludeFullPath = 1,
+    kIncludeRelativePath = 2,
+    kIncludeName = 3,
+};
+
+struct DirectoryIterator::Filter {
+    Kind kind;
+    boost::regex expression;
+    // The built-in "." and ".." filter, tested without the regular-expression engine.
+    bool dots;
+};
+
+DirectoryIterator::DirectoryIterator() {
+    addFilter(kDotsPattern, kFilterExclude);
+    filters_.back().dots = true;
+}
+
+DirectoryIterator::DirectoryIterator(bool includeAll, bool recursive, const std::string& root)
+    : DirectoryIterator() {
+    open(includeAll, recursive, root);
+}
+
+DirectoryIterator::DirectoryIterator(bool includeAll, bool recursive, const char* root)
+    : DirectoryIterator(includeAll, recursive, std::string(root == nullptr ? "" : root)) {}
+
+DirectoryIterator::DirectoryIterator(const std::string& filter, uint32_t filterFlags,
+                                     bool includeAll, bool recursive, const std::string& root)
+    : DirectoryIterator() {
+    addFilter(filter, filterFlags);
+    open(includeAll, recursive, root);
+}
+
+DirectoryIterator::~DirectoryIterator() { closeAll(); }
+
+int DirectoryIterator::addFilter(const std::string& pattern, uint32_t flags) {
+    if (pattern.empty()) {
+        return -1;
+    }
+    int32_t magnitude = 3;
+    if ((flags & kFilterFullPath) != 0) {
+        magnitude = 1;
+    } else if ((flags & kFilterRelativePath) != 0) {
+        magnitude = 2;
+    }
+    const auto kind = static_cast<Kind>((flags & kFilterExclude) != 0 ? -magnitude : magnitude);
+    try {
+        filters_.push_back(Filter{kind, boost::regex(pattern), false});
+    } catch (const boost::regex_error&) {
+        return -1;
+    }
+    return 0;
+}
+
+bool DirectoryIterator::open(bool includeAll, bool recursive, const std::string& root) {
+    closeAll();
+    mode_ = (includeAll ? kModeIncludeAll : 0) | (recursive ? kModeRecursive : 0);
+    if (root.empty() || root.front() != '/') {
+        char cwd[kCwdBufferSize];
+        if (getcwd(cwd, sizeof cwd) == nullptr) {
+            return false;
+        }
+        root_ = root.empty() ? std::string(cwd) : joinPath(cwd, root.c_str());
+    } else {
+        root_ = root;
+    }
+    if (root_.size() > 1 && (root_.back() == '/' || root_.back() == '\\')) {
+        root_.pop_back();
+    }
+    DirHandle* handle = openDir(root_.c_str());
+    if (handle == nullptr) {
+        return false;
+    }
+    dirs_.push_back(handle);
+    pushNextAccepted();
+    return true;
+}
+
+bool DirectoryIterator::accepts(const char* name) const {
+    bool anyInclude = false;
+    bool included = false;
+    std::string relative;
+    bool haveRelative = false;
+    for (const Filter& filter : filters_) {
+        const auto kind = static_cast<int32_t>(filter.kind);
+        const int32_t magnitude = kind < 0 ? -kind : kind;
+        bool matched = false;
+        if (filter.dots) {
+            matched = std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+        } else if (magnitude == 3) {
+            matched = boost::regex_match(name, filter.expression);
+        } else {
+            if (!haveRelative) {
+                // Every entry but the top one names a directory enclosing the candidate.
+                for (const dirent64* enclosing : entries_) {
+                    relative += enclosing->d_name;
+                    relative += '/';
+                }
+                relative += name;
+                haveRelative = true;
+            }
+            matched = boost::regex_match(magnitude == 2 ? relative : root_ + "/" + relative,
+                                         filter.expression);
+        }
+        if (kind < 0) {
+            if (matched) {
+                return false;
+            }
+        } else {
+            anyInclude = true;
+            included = included || matched;
+        }
+    }
+    return !anyInclude || included;
+}
+
+bool DirectoryIterator::pushNextAccepted() {
+    if (entries_.size() == dirs_.size()) {
+        entries_.pop_back();
+    }
+    DirHandle* top = dirs_.back();
+    const int topFd = dirfd(top->dir);
+    while (dirent64* entry = readdir64(top->dir)) {
+        if (!accepts(entry->d_name)) {
+            continue;
+        }
+        // The type the file system reports is that of the entry itself; only links (and
+        // entries without a type) need a stat to learn what they lead to, and whether it
+        // exists at all. Relative to the open directory: the same file as the joined path,
+        // without walking the path again for every entry.
+        bool directory = entry->d_type == DT_DIR;
+        if (entry->d_type == DT_UNKNOWN) {
+            struct stat64 own {};
+            if (fstatat64(topFd, entry->d_name, &own, AT_SYMLINK_NOFOLLOW) != 0) {
+                continue;
+            }
+            entry->d_type = static_cast<unsigned char>(IFTODT(own.st_mode));
+            directory = S_ISDIR(own.st_mode);
+        }
+        if (entry->d_type == DT_LNK) {
+            struct stat64 target {};
+            if (fstatat64(topFd, entry->d_name, &target, 0) != 0) {
+                continue;
+            }
+            directory = S_ISDIR(target.st_mode);
+        }
+        if ((mode_ & kModeIncludeAll) == 0 && !directory) {
+            continue;
+        }
+        entries_.push_back(entry);
+        return true;
+    }
+    return false;
+}
+
+bool DirectoryIterator::currentIsRealDirectory() const {
+    return !atEnd() && entries_.back()->d_type == DT_DIR;
+}
+
+bool DirectoryIterator::next() {
+    if (atEnd()) {
+        return false;
+    }
+    bool mayDescend = (mode_ & kModeRecursive) != 0;
+    for (;;) {
+        // Only the entry yielded before this call is descended into; entries reached while
+        // climbing back have already had their turn.
+        if (mayDescend && currentIsRealDirectory()) {
+            mayDescend = false;
+            if (DirHandle* child = openDir(currentPath().c_str())) {
+                dirs_.push_back(child);
+                if (pushNextAccepted()) {
+                    return true;
+                }
+                continue;
+            }
+        }
+        mayDescend = false;
+        if (entries_.size() < dirs_.size()) {
+            if (dirs_.size() == 1) {
+                return false;
+            }
+            closeDir(dirs_.back());
+            dirs_.pop_back();
+        }
+        if (pushNextAccepted()) {
+            return true;
+        }
+    }
+}
+
+std::string DirectoryIterator::currentPath() const {
+    if (atEnd()) {
+        return {};
+    }
+    return joinPath(dirs_.back()->path, entries_.back()->d_name);
+}
+
+namespace {
+
+bool statPath(const std::string& path, struct stat64& info) {
+    return !path.empty() && stat64(path.c_str(), &info) == 0;
+}
+
+}  // namespace
+
+mode_t DirectoryIterator::currentMode() const {
+    struct stat64 info {};
+    return statPath(currentPath(), info) ? info.st_mode : 0;
+}
+
+time_t DirectoryIterator::currentChangeTime() const {
+    struct stat64 info {};
+    return statPath(currentPath(), info) ? info.st_ctime : 0;
+}
+
+bool DirectoryIterator::isDirectory() const {
+    struct stat64 info {};
+    return statPath(currentPath(), info) && S_ISDIR(info.st_mode);
+}
+
+bool DirectoryIterator::isRegularFile() const {
+    struct stat64 info {};
+    return statPath(currentPath(), info) && S_ISREG(info.st_mode);
+}
+
+void DirectoryIterator::closeAll() {
+    while (!dirs_.empty()) {
+        closeDir(dirs_.back());
+        dirs_.pop_back();
+    }
+    entries_.clear();
+}
+
+}  // namespace nuvra::utils

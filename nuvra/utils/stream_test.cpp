@@ -1,0 +1,603 @@
+#include "nuvra/utils/stream.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gtest/gtest.h"
+
+namespace nuvra::utils {
+namespace {
+
+constexpr uint32_t kBuf = NStream::kBufferSize;
+
+// Deterministic bytes, so that a misplaced or repeated chunk shows up in a comparison.
+std::string pattern(size_t size) {
+    std::string text(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+        text[i] = static_cast<char>('a' + (i * 7 + i / 251) % 26);
+    }
+    return text;
+}
+
+// An in-memory stream that records raw calls and can short-write or fail on demand.
+class MemoryStream : public NStream {
+  public:
+    explicit MemoryStream(std::string input = "") : input_(std::move(input)) {}
+
+    int32_t readRaw(void* buffer, uint32_t length) override {
+        ++rawReads;
+        if (failReads) {
+            errno = EIO;
+            return -1;
+        }
+        const size_t n = std::min<size_t>(length, input_.size() - readPos_);
+        std::memcpy(buffer, input_.data() + readPos_, n);
+        readPos_ += n;
+        return static_cast<int32_t>(n);
+    }
+    int32_t writeRaw(const void* buffer, uint32_t length) override {
+        writeSizes.push_back(length);
+        if (acceptBeforeFailing == 0) {
+            errno = ENOSPC;
+            return -1;
+        }
+        const uint32_t n = std::min(length, std::min(maxPerWrite, acceptBeforeFailing));
+        acceptBeforeFailing -= n;
+        output.append(static_cast<const char*>(buffer), n);
+        return static_cast<int32_t>(n);
+    }
+
+    std::string output;
+    std::vector<uint32_t> writeSizes;
+    int rawReads = 0;
+    bool failReads = false;
+    uint32_t maxPerWrite = UINT32_MAX;
+    uint32_t acceptBeforeFailing = UINT32_MAX;
+
+  private:
+    std::string input_;
+    size_t readPos_ = 0;
+};
+
+class TempDir : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char templ[] = "/tmp/nuvra_stream_XXXXXX";
+        ASSERT_NE(mkdtemp(templ), nullptr) << std::strerror(errno);
+        dir_ = templ;
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+    std::string path(const char* name) const { return dir_ + "/" + name; }
+    static std::string contents(const std::string& file) {
+        std::ifstream in(file, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+    static void put(const std::string& file, const std::string& text) {
+        std::ofstream(file, std::ios::binary) << text;
+    }
+
+    std::string dir_;
+};
+
+// Buffered writing ----------------------------------------------------------------------------
+
+TEST(StreamWrite, FlushesExactlyWhenTheBufferFills) {
+    static const struct {
+        uint32_t size;
+        std::vector<uint32_t> rawWrites;  // before the explicit flush
+    } kCases[] = {
+        {1, {}}, {kBuf - 1, {}}, {kBuf, {kBuf}}, {kBuf + 1, {kBuf}}, {3 * kBuf, {kBuf, kBuf, kBuf}},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.size);
+        MemoryStream stream;
+        const std::string data = pattern(c.size);
+        EXPECT_EQ(stream.write(data.data(), c.size), c.size);
+        EXPECT_EQ(stream.writeSizes, c.rawWrites);
+        EXPECT_EQ(stream.flush(), 0);
+        EXPECT_EQ(stream.output, data);
+    }
+}
+
+TEST(StreamWrite, FailedFlushKeepsUnwrittenBytesForTheNextTry) {
+    // 0: fails at once; 1000: a short write is delivered before the failure. Every raw
+    // write is short, so the retry has to follow them too.
+    for (const uint32_t accepted : {0U, 1000U}) {
+        SCOPED_TRACE(accepted);
+        MemoryStream stream;
+        stream.maxPerWrite = 1000;
+        stream.acceptBeforeFailing = accepted;
+        const std::string data = pattern(kBuf + 100);
+        EXPECT_EQ(stream.write(data.data(), kBuf + 100), 0U);
+        EXPECT_EQ(stream.flush(), -1);
+        stream.acceptBeforeFailing = UINT32_MAX;
+        EXPECT_EQ(stream.flush(), 0);
+        EXPECT_EQ(stream.output, data.substr(0, kBuf));  // each byte exactly once
+        EXPECT_EQ(stream.write(data.data() + kBuf, 100), 100U);
+        EXPECT_EQ(stream.flush(), 0);
+        EXPECT_EQ(stream.output, data);
+    }
+}
+
+TEST(StreamWrite, TextHelpersReportEmptyOutputAsFailure) {
+    MemoryStream stream;
+    EXPECT_FALSE(stream.puts(""));
+    EXPECT_FALSE(stream.printf("%s", ""));
+    EXPECT_FALSE(stream.write(std::string()));
+    EXPECT_TRUE(stream.puts("a"));
+    EXPECT_TRUE(stream.printf("%d-%s", 42, "x"));
+    // Around the 512-byte local formatting buffer.
+    std::string expected = "a42-x";
+    for (const size_t size : {511U, 512U, 9000U}) {
+        const std::string text = pattern(size);
+        EXPECT_TRUE(stream.printf("%s", text.c_str()));
+        expected += text;
+    }
+    EXPECT_EQ(stream.flush(), 0);
+    EXPECT_EQ(stream.output, expected);
+}
+
+// Buffered reading ----------------------------------------------------------------------------
+
+TEST(StreamRead, OneRawReadPerCallAndEndOfFileOnlyAtEnd) {
+    const std::string data = pattern(kBuf + 5);
+    MemoryStream stream(data);
+    std::string got(size_t{2} * kBuf, '\0');
+    EXPECT_EQ(stream.read(got.data(), 2 * kBuf), kBuf);
+    EXPECT_EQ(stream.read(got.data() + kBuf, 3), 3U);  // no raw read: buffered bytes first
+    EXPECT_EQ(stream.read(got.data() + kBuf + 3, 100), 2U);
+    EXPECT_EQ(stream.rawReads, 2);
+    EXPECT_EQ(got.substr(0, kBuf + 5), data);
+    EXPECT_FALSE(stream.endOfFile());
+    EXPECT_EQ(stream.read(got.data(), 10), 0U);
+    EXPECT_TRUE(stream.endOfFile());
+    EXPECT_EQ(stream.read(got.data(), 0), 0U);
+    EXPECT_FALSE(stream.endOfFile());  // every read clears it
+    stream.failReads = true;           // an error is not end of file
+    EXPECT_EQ(stream.read(got.data(), 1), 0U);
+    EXPECT_FALSE(stream.endOfFile());
+}
+
+TEST(StreamRead, PendingOutputIsFlushedBeforeARawRead) {
+    MemoryStream stream("in");
+    stream.write("out", 3);
+    char got[2];
+    EXPECT_EQ(stream.read(got, 2), 2U);
+    EXPECT_EQ(stream.output, "out");
+    stream.write("x", 1);
+    stream.acceptBeforeFailing = 0;
+    EXPECT_EQ(stream.read(got, 1), 0U);  // the failed flush stops the read
+    EXPECT_EQ(stream.rawReads, 1);
+}
+
+TEST(StreamRead, ReadLineAtEverySizeEdge) {
+    const std::string longLine = pattern(kBuf + 1) + "\n";  // spans a refill
+    static const struct {
+        std::string input;
+        uint32_t size;
+        bool accept;
+        uint32_t result;
+        std::string buffer;  // the bytes before the first NUL, or all of them if none
+    } kCases[] = {
+        {"abc\ndef\n", 10, false, 4, "abc\n"},
+        {"abc", 10, false, 0, ""},
+        {"abc", 10, true, 3, "abc"},
+        {"", 10, true, 0, ""},
+        {"abcdef\n", 4, false, 0, "abcd"},  // full and unterminated
+        {"abc\n", 4, false, 0, "abc\n"},    // the '\n' lands in the last byte
+        {"ab\n", 4, false, 3, "ab\n"},
+        {"abc\n", 1, true, 0, "a"},
+        {longLine, kBuf + 3, false, kBuf + 2, longLine},
+        {longLine, kBuf + 2, false, 0, longLine},
+        {longLine.substr(0, kBuf + 1), kBuf + 3, true, kBuf + 1, longLine.substr(0, kBuf + 1)},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.input.substr(0, 10) + " size " + std::to_string(c.size));
+        MemoryStream stream(c.input);
+        std::string buffer(c.size + 1, '#');
+        EXPECT_EQ(stream.readLine(buffer.data(), c.size, c.accept), c.result);
+        const size_t end = std::min<size_t>(buffer.find('\0'), c.size);
+        EXPECT_EQ(buffer.substr(0, end), c.buffer);
+        EXPECT_EQ(buffer[c.size], '#');  // never writes past `size`
+    }
+}
+
+TEST(StreamRead, GetsAtEverySizeEdge) {
+    const std::string longLine = pattern(kBuf + 1) + "\n";
+    static const struct {
+        std::string input;
+        uint32_t size;
+        uint32_t result;
+        std::string buffer;
+    } kCases[] = {
+        {"abc\ndef", 10, 4, "abc\n"},
+        {"abc", 10, 3, "abc"},
+        {"abcdef\n", 4, 3, "abc"},
+        {"abc\n", 5, 4, "abc\n"},
+        {"abc\n", 1, 0, ""},
+        {"", 10, 0, ""},
+        {longLine, kBuf, kBuf - 1, longLine.substr(0, kBuf - 1)},
+        {longLine, kBuf + 3, kBuf + 2, longLine},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.input.substr(0, 10) + " size " + std::to_string(c.size));
+        MemoryStream stream(c.input);
+        std::string buffer(c.size + 1, '#');
+        EXPECT_EQ(stream.gets(buffer.data(), c.size), c.result);
+        EXPECT_EQ(buffer.substr(0, buffer.find('\0')), c.buffer);
+        EXPECT_EQ(buffer[c.size], '#');
+    }
+    MemoryStream stream("x");
+    char untouched = '#';
+    EXPECT_EQ(stream.gets(&untouched, 0), 0U);
+    EXPECT_EQ(untouched, '#');
+}
+
+TEST(StreamCopy, CopiesAllOrExactlyCount) {
+    const std::string data = pattern(5000);
+    static const struct {
+        uint32_t count;
+        size_t copied;
+    } kCases[] = {{0, 0}, {1, 1}, {1024, 1024}, {3000, 3000}, {9000, 5000}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.count);
+        MemoryStream source(data);
+        MemoryStream destination;
+        EXPECT_EQ(NStream::copyBytes(source, destination, c.count), 0);
+        destination.flush();
+        EXPECT_EQ(destination.output, data.substr(0, c.copied));
+    }
+    MemoryStream source(data);
+    MemoryStream destination;
+    EXPECT_EQ(NStream::copyAll(source, destination), 0);
+    destination.flush();
+    EXPECT_EQ(destination.output, data);
+}
+
+// NFile ---------------------------------------------------------------------------------------
+
+using NFileTest = TempDir;
+
+TEST_F(NFileTest, BufferedDataReachesTheFileOnFlushCloseAndDestruction) {
+    for (const uint32_t size : {kBuf - 1, kBuf, kBuf + 1, 5 * kBuf + 3}) {
+        SCOPED_TRACE(size);
+        const std::string data = pattern(size);
+        const std::string file = path("data");
+        {
+            NFile out;
+            ASSERT_TRUE(out.open(file.c_str(), "w"));
+            EXPECT_EQ(out.write(data.data(), size), size);
+        }  // destruction flushes
+        EXPECT_EQ(contents(file), data);
+
+        NFile in;
+        ASSERT_TRUE(in.open(file.c_str(), "r+"));
+        std::string back;
+        char chunk[1000];
+        for (uint32_t n = 0; (n = in.read(chunk, sizeof chunk)) > 0;) {
+            back.append(chunk, n);
+        }
+        EXPECT_TRUE(in.endOfFile());
+        EXPECT_EQ(back, data);
+        in.write("tail", 4);
+        in.close();
+        EXPECT_TRUE(in.isClosed());
+        EXPECT_EQ(contents(file), data + "tail");
+    }
+}
+
+TEST_F(NFileTest, ModeTextSelectsAccessAndFlags) {
+    static const struct {
+        const char* mode;
+        int access;
+        bool append;
+        bool truncates;
+    } kCases[] = {
+        {"r", O_RDONLY, false, false},   {"", O_RDONLY, false, false},
+        {"r+", O_RDWR, false, false},    {"w", O_WRONLY, false, true},
+        {"wb+", O_RDWR, false, true},    {"a", O_WRONLY, true, false},
+        {"a+", O_RDWR, true, false},     {"rbbbb+", O_RDONLY, false, false},  // past position 5
+        {"rbbb+", O_RDWR, false, false},
+    };
+    const std::string file = path("mode");
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.mode);
+        put(file, "old");
+        NFile f;
+        ASSERT_TRUE(f.open(file.c_str(), c.mode)) << std::strerror(errno);
+        const int flags = fcntl(f.fd(), F_GETFL);
+        EXPECT_EQ(flags & O_ACCMODE, c.access);
+        EXPECT_EQ((flags & O_APPEND) != 0, c.append);
+        EXPECT_EQ(contents(file), c.truncates ? "" : "old");
+    }
+    NFile f;
+    EXPECT_TRUE(f.open(file.c_str(), static_cast<const char*>(nullptr)));  // kept no-op
+    EXPECT_EQ(f.fd(), -1);
+    EXPECT_FALSE(f.open(path("missing").c_str(), "r"));
+    EXPECT_EQ(f.fd(), -1);
+}
+
+TEST_F(NFileTest, AccessAndDisposition) {
+    static const struct {
+        int32_t access;
+        int32_t disposition;
+        bool exists;
+        bool opens;
+        const char* after;  // null: the file does not exist afterwards
+    } kCases[] = {
+        {NFile::kWrite, NFile::kCreateNew, false, true, ""},
+        {NFile::kWrite, NFile::kCreateNew, true, false, "old"},
+        {NFile::kWrite, NFile::kCreateAlways, true, true, ""},
+        {NFile::kRead, NFile::kOpenExisting, false, false, nullptr},
+        {NFile::kReadWrite, NFile::kOpenExisting, true, true, "old"},
+        {NFile::kRead, NFile::kOpenAlways, false, true, ""},
+        {NFile::kWrite, NFile::kTruncateExisting, true, true, ""},
+        {NFile::kRead, NFile::kTruncateExisting, true, false, "old"},
+        {7, NFile::kTruncateExisting, true, false, "old"},  // unknown access reads
+        {NFile::kWrite, NFile::kAppend, false, true, ""},
+        {NFile::kRead, 99, false, false, nullptr},
+    };
+    const std::string file = path("disp");
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(std::to_string(c.access) + "/" + std::to_string(c.disposition));
+        std::filesystem::remove(file);
+        if (c.exists) {
+            put(file, "old");
+        }
+        NFile f;
+        EXPECT_EQ(f.open(file.c_str(), c.access, c.disposition), c.opens);
+        EXPECT_EQ(std::filesystem::exists(file), c.after != nullptr);
+        if (c.after != nullptr) {
+            EXPECT_EQ(contents(file), c.after);
+        }
+    }
+}
+
+TEST_F(NFileTest, CreatesMode0600AndOpensCloseOnExec) {
+    const mode_t saved = umask(0);
+    NFile viaMode;
+    NFile viaDisposition;
+    FileLock viaLock;
+    const bool opened = viaMode.open(path("a").c_str(), "w") &&
+                        viaDisposition.open(path("b").c_str(), NFile::kWrite, NFile::kAppend) &&
+                        viaLock.openPath(path("c").c_str(), true);
+    umask(saved);
+    ASSERT_TRUE(opened) << std::strerror(errno);
+    for (const int fd : {viaMode.fd(), viaDisposition.fd(), viaLock.descriptor()}) {
+        SCOPED_TRACE(fd);
+        struct stat st {};
+        ASSERT_EQ(fstat(fd, &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0600U);
+        EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    }
+}
+
+TEST_F(NFileTest, FailingDescriptorsReportFailureAndKeepData) {
+    struct sigaction ignore {};
+    struct sigaction saved {};
+    ignore.sa_handler = SIG_IGN;
+    ASSERT_EQ(sigaction(SIGPIPE, &ignore, &saved), 0);
+    int pipeEnds[2];
+    ASSERT_EQ(pipe(pipeEnds), 0);
+    const std::string pipePath = "/proc/self/fd/" + std::to_string(pipeEnds[1]);
+    const std::string readOnly = path("ro");
+    put(readOnly, "keep");
+
+    static const struct {
+        const char* name;
+        const char* mode;
+        int error;
+    } kCases[] = {{"read-only", "r", EBADF}, {"/dev/full", "w", ENOSPC}, {"pipe", "w", EPIPE}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.name);
+        const std::string target = c.error == EBADF   ? readOnly
+                                   : c.error == EPIPE ? pipePath
+                                                      : std::string(c.name);
+        NFile f;
+        ASSERT_TRUE(f.open(target.c_str(), c.mode)) << std::strerror(errno);
+        if (c.error == EPIPE) {
+            close(pipeEnds[0]);  // the reader goes away
+        }
+        EXPECT_EQ(f.write("x", 1), 1U);  // buffered
+        errno = 0;
+        EXPECT_EQ(f.flush(), -1);
+        EXPECT_EQ(errno, c.error);
+        EXPECT_EQ(f.write(pattern(kBuf).data(), kBuf), 0U);
+        EXPECT_EQ(f.flush(), -1);  // still pending, still failing
+        EXPECT_EQ(f.writeChecked("x", -1), -1);
+    }
+    close(pipeEnds[1]);
+    sigaction(SIGPIPE, &saved, nullptr);
+    EXPECT_EQ(contents(readOnly), "keep");
+}
+
+TEST_F(NFileTest, SixtyFourBitPositionsAndTruncate) {
+    const std::string file = path("pos");
+    NFile f;
+    ASSERT_TRUE(f.open(file.c_str(), "w+"));
+    const int64_t far = (int64_t{1} << 32) + 5;
+    EXPECT_EQ(f.seek64(far, SEEK_SET), 0);
+    EXPECT_EQ(f.tell64(), far);
+    EXPECT_EQ(f.tell(), 5);  // the low half
+    EXPECT_EQ(f.seek(-1, SEEK_SET), -1);
+
+    EXPECT_EQ(f.seek(0, SEEK_SET), 0);
+    EXPECT_EQ(f.writeChecked("0123456789", 10), 10);
+    EXPECT_EQ(f.seek(4, SEEK_SET), 0);
+    EXPECT_TRUE(f.truncate());
+    EXPECT_EQ(contents(file), "0123");
+}
+
+// Locks ---------------------------------------------------------------------------------------
+
+using FileLockTest = TempDir;
+
+// Whether another open file description of `file` can take the lock right now.
+bool othersCanLock(const std::string& file, bool exclusive) {
+    NFile other;
+    if (!other.open(file.c_str(), "r")) {
+        return false;
+    }
+    return exclusive ? other.tryLockExclusive() : other.tryLockShared();
+}
+
+TEST_F(FileLockTest, NestedHoldsAreReleasedByTheLastUnlock) {
+    // S lockShared, s tryLockShared, X lockExclusive, x tryLockExclusive (lock/tryLock alike).
+    static const struct {
+        const char* requests;
+        const char* granted;
+        int32_t depth;
+        bool othersMayShare;
+    } kCases[] = {
+        {"Ss", "11", 2, true},
+        {"SX", "10", 1, true},      // a shared hold is never upgraded
+        {"XsS", "111", -3, false},  // shared inside exclusive nests as exclusive
+        {"xX", "11", -2, false},
+    };
+    const std::string file = path("lock");
+    put(file, "");
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.requests);
+        NFile f;
+        ASSERT_TRUE(f.open(file.c_str(), "r"));
+        for (size_t i = 0; c.requests[i] != '\0'; ++i) {
+            const char r = c.requests[i];
+            const bool granted = r == 'S'   ? f.lockShared()
+                                 : r == 's' ? f.tryLockShared()
+                                 : r == 'X' ? f.lock()
+                                            : f.tryLock();
+            EXPECT_EQ(granted, c.granted[i] == '1') << i;
+        }
+        EXPECT_EQ(f.lockRecord().depth(), c.depth);
+        EXPECT_EQ(othersCanLock(file, false), c.othersMayShare);
+        for (int32_t left = std::abs(c.depth); left > 0; --left) {
+            EXPECT_FALSE(othersCanLock(file, true)) << left;
+            f.unlock();
+        }
+        EXPECT_TRUE(othersCanLock(file, true));
+        f.unlock();  // unlocked already: harmless
+        EXPECT_EQ(f.lockRecord().depth(), 0);
+    }
+}
+
+TEST_F(FileLockTest, ContendedNonBlockingRequestsFail) {
+    const std::string file = path("lock");
+    put(file, "");
+    NFile holder;
+    NFile other;
+    ASSERT_TRUE(holder.open(file.c_str(), "r") && other.open(file.c_str(), "r"));
+    ASSERT_TRUE(holder.lockExclusive());
+    errno = 0;
+    EXPECT_FALSE(other.tryLockShared());
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    EXPECT_FALSE(other.tryLockExclusive());
+    EXPECT_EQ(other.lockRecord().depth(), 0);
+    holder.close();  // closing drops the lock
+    EXPECT_TRUE(other.tryLockExclusive());
+}
+
+TEST_F(FileLockTest, OnlyTheOwnerThreadLocksButAnyThreadUnlocks) {
+    const std::string file = path("lock");
+    put(file, "");
+    NFile f;
+    ASSERT_TRUE(f.open(file.c_str(), "r"));
+    bool results[4] = {true, true, true, true};
+    std::thread([&] {
+        results[0] = f.lock();
+        results[1] = f.tryLockShared();
+        results[2] = f.lockShared();
+        results[3] = f.tryLockExclusive();
+    }).join();
+    for (const bool result : results) {
+        EXPECT_FALSE(result);
+    }
+    EXPECT_TRUE(othersCanLock(file, true));  // nothing reached flock
+    ASSERT_TRUE(f.lock());
+    std::thread([&] { f.unlock(); }).join();
+    EXPECT_TRUE(othersCanLock(file, true));
+}
+
+TEST_F(FileLockTest, RecordLifecycle) {
+    FileLock detached;
+    EXPECT_FALSE(detached.lockShared());
+    EXPECT_FALSE(detached.attach(-1));
+
+    const std::string longPath = dir_ + "/" + std::string(600, 'p');
+    FileLock lock;
+    EXPECT_FALSE(lock.openPath(longPath.c_str(), true));  // the cut name is still too long
+    EXPECT_EQ(std::strlen(lock.path()), FileLock::kPathSize - 1);
+    EXPECT_EQ(std::string(lock.path()), longPath.substr(0, FileLock::kPathSize - 1));
+
+    int fd = -1;
+    {
+        FileLock owned;
+        ASSERT_TRUE(owned.openPath(path("owned").c_str(), true));
+        EXPECT_FALSE(owned.openPath(path("other").c_str(), true));  // already attached
+        fd = owned.descriptor();
+        EXPECT_TRUE(owned.lockShared());
+        EXPECT_TRUE(owned.lockShared());
+        owned.reset();  // one level released, the descriptor stays open
+        EXPECT_EQ(owned.depth(), 1);
+        EXPECT_FALSE(owned.isOpen());
+        EXPECT_NE(fcntl(fd, F_GETFD), -1);
+        close(fd);
+    }
+    {
+        FileLock owned;
+        ASSERT_TRUE(owned.openPath(path("owned").c_str(), false));
+        fd = owned.descriptor();
+    }
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);  // closed by the record that opened it
+}
+
+// NStdIStream ---------------------------------------------------------------------------------
+
+// A stream buffer that only reports positions, far beyond what 32 bits hold.
+class FarPositionBuf : public std::streambuf {
+  protected:
+    pos_type seekoff(off_type offset, std::ios_base::seekdir /*way*/,
+                     std::ios_base::openmode /*which*/) override {
+        return pos_type(off_type{1} << 33) + offset;
+    }
+};
+
+TEST(NStdIStreamTest, ReadsLinesDiscardsWritesAndSeeks) {
+    std::istringstream text("first\nsecond line\n" + pattern(kBuf));
+    NStdIStream stream(text);
+    char line[64];
+    EXPECT_EQ(stream.readLine(line, sizeof line, false), 6U);
+    EXPECT_STREQ(line, "first\n");
+    EXPECT_EQ(stream.gets(line, sizeof line), 12U);
+    EXPECT_STREQ(line, "second line\n");
+    EXPECT_TRUE(stream.write("ignored", 7));
+    EXPECT_EQ(stream.flush(), 0);
+
+    EXPECT_EQ(stream.seek64((int64_t{1} << 32) + 5, SEEK_SET), 0);  // high half dropped
+    EXPECT_EQ(stream.tell64(), 5);
+    EXPECT_EQ(stream.seek(-2, SEEK_END), 0);
+    EXPECT_EQ(stream.tell(), static_cast<int32_t>(18 + kBuf - 2));
+    EXPECT_EQ(stream.seek(-1, SEEK_SET), -1);
+    EXPECT_FALSE(stream.isClosed());
+
+    FarPositionBuf far;
+    std::istream farStream(&far);
+    NStdIStream capped(farStream);
+    EXPECT_EQ(capped.tell(), 2147483647);
+}
+
+}  // namespace
+}  // namespace nuvra::utils
