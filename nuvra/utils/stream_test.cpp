@@ -383,6 +383,10 @@ TEST_F(NFileTest, CreatesMode0600AndOpensCloseOnExec) {
         ASSERT_EQ(fstat(fd, &st), 0);
         EXPECT_EQ(st.st_mode & 07777, 0600U);
         EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+        // And a real child, a shell whose builtin test looks at its own descriptor table,
+        // does not have it.
+        const std::string command = "test ! -e /proc/self/fd/" + std::to_string(fd);
+        EXPECT_EQ(std::system(command.c_str()), 0);  // NOLINT(cert-env33-c)
     }
 }
 
