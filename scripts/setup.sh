@@ -8,6 +8,7 @@ packages=(
     uuid-dev libssl-dev libboost-regex-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     uuid-runtime hyperfine
+    dpkg-dev file
 )
 
 is_installed() {

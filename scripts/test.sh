@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
 # Installs what is missing, then builds and runs the whole test suite twice: as a debug build,
 # and under AddressSanitizer + UndefinedBehaviorSanitizer. Also checks the sources with
-# clang-tidy. Any failure, warning-as-error or sanitizer finding makes it exit non-zero.
+# clang-tidy, and that an installed nuvra can be used from CMake and pkg-config and packaged
+# for Debian. Any failure, warning-as-error or sanitizer finding makes it exit non-zero.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 ./scripts/setup.sh
+# First, so that the test runs' summaries are what the output ends with.
+./scripts/package-check.sh
 
 for preset in default asan; do
     cmake --preset "$preset"

@@ -1,0 +1,30 @@
+# The three link targets that nuvra's static archive names for its private dependencies.
+# Included by the build and by the installed nuvraConfig.cmake, once the packages below have
+# been found: pkg-config's "uuid" module into NUVRA_UUID_*, OpenSSL's Crypto component and
+# Boost.Regex.
+#
+# libuuid, libcrypto and Boost.Regex are linked by name (-luuid, -lcrypto, -lboost_regex)
+# rather than through the full paths that the packages' own imported targets carry, so that a
+# fully static link of nuvra-guid picks the archives.
+
+if(NOT TARGET nuvra_libuuid)
+    add_library(nuvra_libuuid INTERFACE IMPORTED)
+    set_target_properties(nuvra_libuuid PROPERTIES
+        INTERFACE_INCLUDE_DIRECTORIES "${NUVRA_UUID_INCLUDE_DIRS}"
+        INTERFACE_LINK_DIRECTORIES "${NUVRA_UUID_LIBRARY_DIRS}"
+        INTERFACE_LINK_LIBRARIES "${NUVRA_UUID_LIBRARIES}")
+endif()
+
+if(NOT TARGET nuvra_libcrypto)
+    add_library(nuvra_libcrypto INTERFACE IMPORTED)
+    set_target_properties(nuvra_libcrypto PROPERTIES
+        INTERFACE_INCLUDE_DIRECTORIES "${OPENSSL_INCLUDE_DIR}"
+        INTERFACE_LINK_LIBRARIES "crypto")
+endif()
+
+if(NOT TARGET nuvra_boost_regex)
+    add_library(nuvra_boost_regex INTERFACE IMPORTED)
+    set_target_properties(nuvra_boost_regex PROPERTIES
+        INTERFACE_INCLUDE_DIRECTORIES "${Boost_INCLUDE_DIRS}"
+        INTERFACE_LINK_LIBRARIES "boost_regex")
+endif()
