@@ -85,7 +85,7 @@ int descriptorOf(const std::string& path) {
         const std::string link = std::string("/proc/self/fd/") + entry->d_name;
         const ssize_t length = readlink(link.c_str(), target, sizeof target);
         if (length > 0 && path == std::string(target, static_cast<size_t>(length))) {
-            found = std::atoi(entry->d_name);
+            found = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
         }
     }
     closedir(fds);
