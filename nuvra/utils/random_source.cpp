@@ -1,6 +1,10 @@
 #include "nuvra/utils/random_source.h"
 
+#include <fcntl.h>
 #include <openssl/rand.h>
+#include <unistd.h>
+
+#include <ext/stdio_filebuf.h>
 
 #include <algorithm>
 #include <atomic>
@@ -39,14 +43,32 @@ uint64_t signExtended64(uint32_t byte) {
     return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int8_t>(byte)));
 }
 
+// Opens `path` into `stream` for unbuffered binary reading, close-on-exec so that the device
+// does not leak into programs the process starts. std::ifstream cannot ask for that, so the
+// descriptor is opened here and its file buffer swapped in. On failure the stream's fail state
+// is set, as a failed open() would.
+void openCloseOnExec(std::ifstream& stream, const char* path) {
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        // A buffer of one character is the library's unbuffered mode: each extraction reads
+        // only what it needs from the device.
+        __gnu_cxx::stdio_filebuf<char> opened(fd, std::ios::in | std::ios::binary, 1);
+        if (opened.is_open()) {
+            stream.rdbuf()->swap(opened);
+            stream.clear();
+            return;
+        }
+        ::close(fd);
+    }
+    stream.setstate(std::ios::failbit);
+}
+
 }  // namespace
 
 RandomSource::RandomSource() : RandomSource(kDevicePath) {}
 
 RandomSource::RandomSource(const char* devicePath) {
-    // Unbuffered, so that each extraction takes only what it needs from the device.
-    stream_.rdbuf()->pubsetbuf(nullptr, 0);
-    stream_.open(devicePath, std::ios::in | std::ios::binary);
+    openCloseOnExec(stream_, devicePath);
     if (!stream_.good()) {
         seedThisThreadOnce();
         return;

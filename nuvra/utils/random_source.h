@@ -22,8 +22,8 @@ class RandomSourceSeam;
 // process-wide generator, so its numbers are not independent between threads.
 class RandomSource {
   public:
-    // Opens the device. Without it, seeds rand() for the calling thread, unless this thread
-    // was seeded before (then seed() stays 0).
+    // Opens the device, close-on-exec. Without it, seeds rand() for the calling thread,
+    // unless this thread was seeded before (then seed() stays 0).
     RandomSource();
     // Closes the device if it was opened.
     ~RandomSource();

@@ -1,5 +1,7 @@
 #include "nuvra/utils/random_source.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <unistd.h>
 
@@ -12,6 +14,8 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "nuvra/tiny/clock.h"
+#include "nuvra/tiny/tls.h"
 #include "nuvra/utils/internal/random_source_seam.h"
 
 namespace nuvra::utils {
@@ -66,6 +70,40 @@ TEST(RandomSourceDevice, SkipsTheFirstByteAndKeepsTheNextWordAsSeed) {
     EXPECT_EQ(source->seed(), expectedSeed);
     EXPECT_EQ(source->getByte(), 0x10u);
     EXPECT_EQ(source->getByte(), 0x20u);
+}
+
+// The descriptor this process holds open on `path`, or -1.
+int descriptorOf(const std::string& path) {
+    DIR* fds = opendir("/proc/self/fd");
+    if (fds == nullptr) {
+        ADD_FAILURE() << "/proc/self/fd: " << std::strerror(errno);
+        return -1;
+    }
+    int found = -1;
+    while (const dirent* entry = readdir(fds)) {
+        char target[4096];
+        const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+        const ssize_t length = readlink(link.c_str(), target, sizeof target);
+        if (length > 0 && path == std::string(target, static_cast<size_t>(length))) {
+            found = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
+        }
+    }
+    closedir(fds);
+    return found;
+}
+
+TEST(RandomSourceDevice, ReadsOnlyWhatItNeedsAndClosesOnExec) {
+    const DeviceFile device(kHeader + "abcdef");
+    const auto source = RandomSourceSeam::withDevice(device.path());
+    const int fd = descriptorOf(device.path());
+    ASSERT_GE(fd, 0);
+    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << "the device would leak into child programs";
+    // Unbuffered: the skipped byte, the seed word and one byte, nothing read ahead.
+    source->getByte();
+    EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 6);
+    std::string out;
+    source->getBytes(out, 2);
+    EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 8);
 }
 
 TEST(RandomSourceDevice, WordsAddSignExtendedBytes) {
@@ -138,13 +176,23 @@ struct SeedingInThread {
     uint32_t firstSeed = 0;
     uint32_t secondSeed = 0;
     bool randContinuedAfterSecond = false;
+    // The seed's clock term, (seed ^ (process ^ thread) << 16 ^ thread), less the clock read
+    // before the first construction: within the construction's few milliseconds when the
+    // seed mixes the ids as intended.
+    uint32_t clockTermOffset = 0;
+    uint32_t constructionMs = 0;
 };
 
 SeedingInThread seedTwiceInNewThread() {
     SeedingInThread seen;
     std::thread([&seen] {
+        const uint32_t before = tiny::currentTimeMs();
         const auto first = RandomSourceSeam::withDevice("/nonexistent/nuvra-random");
+        seen.constructionMs = tiny::currentTimeMs() - before;
         seen.firstSeed = first->seed();
+        const auto process = static_cast<uint32_t>(tiny::currentProcessId());
+        const auto thread = static_cast<uint32_t>(tiny::currentThreadId());
+        seen.clockTermOffset = (seen.firstSeed ^ ((process ^ thread) << 16) ^ thread) - before;
         const int afterFirst = std::rand();
         const auto second = RandomSourceSeam::withDevice("/nonexistent/nuvra-random");
         seen.secondSeed = second->seed();
@@ -158,6 +206,7 @@ SeedingInThread seedTwiceInNewThread() {
 TEST(RandomSourceFallback, SeedsRandOncePerThread) {
     const SeedingInThread one = seedTwiceInNewThread();
     EXPECT_NE(one.firstSeed, 0u);
+    EXPECT_LE(one.clockTermOffset, one.constructionMs) << "seed " << one.firstSeed;
     EXPECT_EQ(one.secondSeed, 0u);
     EXPECT_TRUE(one.randContinuedAfterSecond);
     const SeedingInThread another = seedTwiceInNewThread();

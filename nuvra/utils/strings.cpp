@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <cwctype>
+#include <type_traits>
 
 namespace nuvra::utils {
 namespace {
@@ -149,13 +150,8 @@ class WildcardMatcher {
     // skipped. False when the star cannot reach such a position.
     bool placeStar(const Char* at) {
         if (starLiteral_ != 0) {
-            while (*at != 0 && !sameCharacter(starLiteral_, *at)) {
-                if (pathMode_ && *at == '/') {
-                    return false;
-                }
-                ++at;
-            }
-            if (*at == 0) {
+            at = skipToStarLiteral(at);
+            if (*at == 0 || !sameCharacter(starLiteral_, *at)) {
                 return false;
             }
         }
@@ -163,6 +159,23 @@ class WildcardMatcher {
         pattern_ = starPattern_;
         text_ = at;
         return true;
+    }
+
+    // The first position from `at` on that holds the ordinary character after the star, or
+    // else the end of the text or, in path mode, a "/" that the star cannot pass.
+    const Char* skipToStarLiteral(const Char* at) const {
+        if constexpr (std::is_same_v<Char, char>) {
+            if (!foldCase_) {
+                // strcspn looks at many bytes per step; this is where a failing search after
+                // a star spends its time.
+                const char stops[] = {starLiteral_, pathMode_ ? '/' : '\0', '\0'};
+                return at + std::strcspn(at, stops);
+            }
+        }
+        while (*at != 0 && !sameCharacter(starLiteral_, *at) && !(pathMode_ && *at == '/')) {
+            ++at;
+        }
+        return at;
     }
 
     bool isSpecial(Char c) const {

@@ -457,5 +457,27 @@ TEST(FindNoCase, AgreesWithStrcasestr) {
     }
 }
 
+TEST(FindNoCase, LongPatternsAgreeWithStrcasestr) {
+    // Patterns of 64 characters and more keep their search table on the heap.
+    std::mt19937 random(64);
+    std::string text(600, 'a');
+    for (char& c : text) {
+        c = "abAB"[random() % 4];
+    }
+    for (int i = 0; i < 300; ++i) {
+        const size_t length = 60 + random() % 60;
+        std::string pattern = text.substr(random() % (text.size() - length), length);
+        for (char& c : pattern) {
+            c = static_cast<char>(c ^ 0x20);  // the other case
+        }
+        if (i % 2 == 1) {
+            pattern[random() % length] = "ab"[random() % 2];  // often no longer found
+        }
+        ASSERT_EQ(findNoCase(text.c_str(), pattern.c_str()),
+                  strcasestr(text.c_str(), pattern.c_str()))
+            << pattern;
+    }
+}
+
 }  // namespace
 }  // namespace nuvra::utils
