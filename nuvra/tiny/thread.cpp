@@ -2,6 +2,8 @@
 
 #include <sched.h>
 
+#include <csignal>
+
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
@@ -28,9 +30,9 @@ std::atomic<int32_t> liveStartRecords{0};
 // Everything the new thread needs, handed over from the creating thread, which allocates it,
 // to the new thread, which frees it.
 struct ThreadStartRecord {
-    ThreadStartRecord(ThreadFunction body, void* bodyArgument, const std::string& threadName,
-                      ThreadCallbacks::Ptr registry)
-        : function(body), argument(bodyArgument), name(threadName), callbacks(std::move(registry)) {
+    ThreadStartRecord(ThreadFunction body, void* bodyArgument, std::string threadName,
+                      const ThreadCallbacks::Ptr& registry)
+        : function(body), argument(bodyArgument), name(std::move(threadName)), callbacks(registry) {
         liveStartRecords.fetch_add(1, std::memory_order_relaxed);
     }
     ~ThreadStartRecord() { liveStartRecords.fetch_sub(1, std::memory_order_relaxed); }
@@ -164,7 +166,8 @@ void ThreadCallbacks::Ptr::reset() {
     // not both see the count at 0.
     if (callbacks_ != nullptr &&
         callbacks_->refCount_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        delete callbacks_;
+        // The analyzer cannot follow the count and takes every reference for the last one.
+        delete callbacks_;  // NOLINT(clang-analyzer-cplusplus.NewDelete)
     }
     callbacks_ = nullptr;
 }
@@ -208,11 +211,10 @@ bool createThread(ThreadFunction function, void* argument, pthread_t* handle,
     if (handle != nullptr) {
         *handle = pthread_t{};
     }
-    ThreadCallbacks::Ptr registry = ThreadCallbacks::instance();
+    const ThreadCallbacks::Ptr registry = ThreadCallbacks::instance();
     std::unique_ptr<ThreadStartRecord> record;
     try {
-        record = std::make_unique<ThreadStartRecord>(function, argument, attributes.name,
-                                                     std::move(registry));
+        record = std::make_unique<ThreadStartRecord>(function, argument, attributes.name, registry);
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -251,7 +253,7 @@ int joinThreadStatus(pthread_t handle) {
 
 bool joinThread(pthread_t handle) { return joinThreadStatus(handle) == 0; }
 
-int detachThread(pthread_t* handle) { return pthread_detach(*handle); }
+int detachThread(const pthread_t* handle) { return pthread_detach(*handle); }
 
 int setThreadPriority(int priority) {
     sched_param parameters{};

@@ -15,9 +15,9 @@
 #define NUVRA_TINY_THREAD_H_
 
 #include <pthread.h>
-#include <signal.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -30,17 +30,18 @@ namespace nuvra::tiny {
 struct ThreadAttributes {
     // Stack size 0 (the system default) and an empty name.
     ThreadAttributes() = default;
-    // defaultThreadAttributes with `name` as the name; a null `name` gives an empty one.
-    explicit ThreadAttributes(const char* name);
+    // defaultThreadAttributes with `threadName` as the name; null gives an empty name.
+    explicit ThreadAttributes(const char* threadName);
 
-    // Requested stack size in bytes; 0 means the system default. Smaller sizes are raised to
-    // 16384 bytes.
+    // Requested stack size in bytes; 0 means the system default. Other sizes below 16384 bytes
+    // are raised to 16384.
     uint32_t stackSize = 0;
     // Handed to the start hook; the kernel never sees it.
     std::string name;
 };
 
-// Stack size 0 and an empty name.
+// Stack size 0 and an empty name. Constant, so that no thread can change what another one
+// starts with.
 extern const ThreadAttributes defaultThreadAttributes;
 
 // The process-wide hooks called in every thread that createThread starts: the start hook
@@ -144,7 +145,7 @@ int joinThreadStatus(pthread_t handle);
 bool joinThread(pthread_t handle);
 
 // pthread_detach(*handle), passing its result through.
-int detachThread(pthread_t* handle);
+int detachThread(const pthread_t* handle);
 
 // Sets the calling thread to the normal time-sharing policy (SCHED_OTHER) with `priority`;
 // returns the result of pthread_setschedparam. That policy accepts only priority 0: any other

@@ -329,9 +329,11 @@ TEST_F(InterruptThreads, EndsBlockedThreadsWithoutExitHooksEvenPastARejectedHand
         hookCalls.clear();
         ASSERT_TRUE(setThreadCallbacks(onStart<1>, onExit<1>));
         std::atomic<int> progress{0};
-        std::vector<pthread_t> threads(2);
-        ASSERT_TRUE(createThread(blockInPause, &progress, &threads[0]));
-        ASSERT_TRUE(createThread(blockInSleep, &progress, &threads[1]));
+        pthread_t pausing{};
+        pthread_t sleeping{};
+        ASSERT_TRUE(createThread(blockInPause, &progress, &pausing));
+        ASSERT_TRUE(createThread(blockInSleep, &progress, &sleeping));
+        std::vector<pthread_t> threads{pausing, sleeping};
         if (withRejected) {
             threads.insert(threads.begin(), kRejected);
         }

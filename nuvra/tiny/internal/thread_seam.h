@@ -7,8 +7,8 @@
 #define NUVRA_TINY_INTERNAL_THREAD_SEAM_H_
 
 #include <pthread.h>
-#include <signal.h>
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 
