@@ -2,9 +2,8 @@
 
 #include <sched.h>
 
-#include <csignal>
-
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -133,10 +132,10 @@ ThreadSystemCalls setThreadSystemCallsForTesting(const ThreadSystemCalls& calls)
 
 const ThreadAttributes defaultThreadAttributes;
 
+// Starts from the values of defaultThreadAttributes rather than from the object itself, which
+// another file's static initialiser may reach before it is constructed.
 ThreadAttributes::ThreadAttributes(const char* threadName)
-    : ThreadAttributes(defaultThreadAttributes) {
-    name = threadName != nullptr ? threadName : "";
-}
+    : name(threadName != nullptr ? threadName : "") {}
 
 ThreadCallbacks::Ptr::Ptr(ThreadCallbacks* callbacks) : callbacks_(callbacks) {
     if (callbacks_ != nullptr) {
@@ -186,6 +185,9 @@ bool setThreadCallbacks(ThreadCallbacks::StartHook onThreadStart,
         return false;
     }
     const ThreadCallbacks::Ptr registry = ThreadCallbacks::instance();
+    if (!registry) {
+        return false;  // only once exit has destroyed it
+    }
     NMutexLock lock(registry->mutex_);
     registry->onThreadStart_ = onThreadStart;
     registry->onThreadExit_ = onThreadExit;

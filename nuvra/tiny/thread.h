@@ -78,9 +78,10 @@ class ThreadCallbacks {
         ThreadCallbacks* callbacks_ = nullptr;
     };
 
-    // A reference to the process-wide registry, created on first use with no hooks set.
-    // Only the first use may throw: std::runtime_error from the registry's NMutex, or
-    // std::bad_alloc; any other exception ends the process.
+    // A reference to the process-wide registry, created on first use with no hooks set; null
+    // once exit has dropped the registry's own reference. Only the first use may throw:
+    // std::runtime_error from the registry's NMutex, or std::bad_alloc; any other exception ends
+    // the process.
     static Ptr instance();
 
     ThreadCallbacks(const ThreadCallbacks&) = delete;
@@ -103,8 +104,8 @@ class ThreadCallbacks {
 
 // Sets both process-wide hooks, or clears both when both are null, and returns true. Returns
 // false and changes nothing when exactly one is null: a thread must never see a start without
-// its matching end. Threads already started keep the hooks they read at their start. May throw
-// what ThreadCallbacks::instance() throws.
+// its matching end, and also once exit has dropped the registry. Threads already started keep
+// the hooks they read at their start. May throw what ThreadCallbacks::instance() throws.
 bool setThreadCallbacks(ThreadCallbacks::StartHook onThreadStart,
                         ThreadCallbacks::ExitHook onThreadExit);
 
