@@ -6,10 +6,10 @@
 //
 // Failures are reported by results: createThread and interruptThreads return false, and the
 // join, detach and priority calls pass the pthread result through. Nothing is logged and errno
-// is left as the system set it. The only exceptions come from the first use of the process-wide
-// hooks registry (std::runtime_error from its NMutex, std::bad_alloc); they are named at each
-// function that may let them out, and any other exception reaching such a function ends the
-// process.
+// is left as the system set it. The only exceptions are those of the first use of the
+// process-wide hooks registry and of constructing a SigUsr2Guard: std::runtime_error from their
+// NMutex, and std::bad_alloc. They are named at each function that may let them out; any other
+// exception reaching such a function ends the process.
 
 #ifndef NUVRA_TINY_THREAD_H_
 #define NUVRA_TINY_THREAD_H_
@@ -209,8 +209,8 @@ extern SigUsr2Guard sigUsr2Guard;
 //
 // WARNING: every thread must be joinable (started by createThread with a handle) and must not
 // be joined or detached by anyone else; one that blocks SIGUSR2 is never ended and the call
-// waits for it forever. Its exit hook does not run. What createThread made for
-// it is released as it ends; what its body held is released only by destructors that run as
+// waits for it forever. An ended thread's exit hook does not run. What createThread made for it
+// is released as it ends; what its body held is released only by destructors that run as
 // pthread_exit unwinds the thread's stack, and a catch (...) on that stack that does not
 // rethrow ends the process.
 bool interruptThreads(const std::vector<pthread_t>& threads);
