@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # Installs what is missing, then builds and runs the whole test suite twice: as a debug build,
-# and under AddressSanitizer + UndefinedBehaviorSanitizer. Also checks the sources with
-# clang-tidy, and that an installed nuvra can be used from CMake and pkg-config and packaged
-# for Debian. Any failure, warning-as-error or sanitizer finding makes it exit non-zero.
+# Installs what is missing, then checks that an installed nuvra can be used from CMake and
+# pkg-config and packaged for Debian, then builds and runs the whole test suite twice: as a
+# debug build, and under AddressSanitizer + UndefinedBehaviorSanitizer. Then runs the
+# concurrency tests under ThreadSanitizer (the tsan presets build only their two test programs
+# and filter the tests). Also checks the sources with clang-tidy. Any failure,
+# warning-as-error or sanitizer finding makes it exit non-zero.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,7 +13,7 @@ cd "$(dirname "$0")/.."
 # First, so that the test runs' summaries are what the output ends with.
 ./scripts/package-check.sh
 
-for preset in default asan; do
+for preset in default asan tsan; do
     cmake --preset "$preset"
     cmake --build --preset "$preset"
     if [ "$preset" = default ]; then

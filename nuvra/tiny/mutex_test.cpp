@@ -61,13 +61,14 @@ TEST(NMutex, GenericInterfaceDispatchesToOverriddenPrimitives) {
         const char* name;
         void (*call)(NMutex&);
         const char* expected;
+        int locksHeld;  // afterwards
     } kCases[] = {
-        {"acquire", [](NMutex& m) { m.acquire(); }, "lock "},
-        {"enter", [](NMutex& m) { m.enter(); }, "lock "},
-        {"relock", [](NMutex& m) { m.relock(); }, "lock "},
-        {"tryAcquire", [](NMutex& m) { m.tryAcquire(); }, "tryLock "},
-        {"tryEnter", [](NMutex& m) { m.tryEnter(); }, "tryLock "},
-        {"release", [](NMutex& m) { m.release(); }, "unlock "},
+        {"acquire", [](NMutex& m) { m.acquire(); }, "lock ", 2},
+        {"enter", [](NMutex& m) { m.enter(); }, "lock ", 2},
+        {"relock", [](NMutex& m) { m.relock(); }, "lock ", 2},
+        {"tryAcquire", [](NMutex& m) { m.tryAcquire(); }, "tryLock ", 2},
+        {"tryEnter", [](NMutex& m) { m.tryEnter(); }, "tryLock ", 2},
+        {"release", [](NMutex& m) { m.release(); }, "unlock ", 0},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.name);
@@ -75,6 +76,10 @@ TEST(NMutex, GenericInterfaceDispatchesToOverriddenPrimitives) {
         mutex.NMutex::lock();  // so that release has something to release
         c.call(mutex);
         EXPECT_EQ(mutex.calls, c.expected);
+        // Destroying a locked mutex is undefined.
+        for (int i = 0; i < c.locksHeld; ++i) {
+            mutex.NMutex::unlock();
+        }
     }
 }
 
