@@ -1,5 +1,4 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs the whole test suite twice: as a debug build,
 # Installs what is missing, then checks that an installed nuvra can be used from CMake and
 # pkg-config and packaged for Debian, then builds and runs the whole test suite twice: as a
 # debug build, and under AddressSanitizer + UndefinedBehaviorSanitizer. Then runs the
