@@ -46,7 +46,7 @@ std::string stringForm(void (*fill)(char*, size_t)) {
     char buf[kHostNameBufferSize];
     fill(buf, sizeof buf);
     if (std::strcmp(buf, kUnspecifiedHost) == 0) {
-        return std::string();
+        return {};
     }
     return buf;
 }
@@ -225,7 +225,7 @@ void readLocale(OsInfo& info) {
     const char* current = std::setlocale(LC_ALL, nullptr);
     copyString(saved, current != nullptr ? current : "", sizeof saved);
     internal::setLocaleFields(info, std::setlocale(LC_ALL, ""));
-    std::setlocale(LC_ALL, saved);
+    (void)std::setlocale(LC_ALL, saved);
 }
 
 bool getLocalAddresses(std::vector<Inet4Address>& out) {
@@ -296,8 +296,8 @@ bool getMacAddresses(std::map<std::string, std::string>& out) {
             continue;
         }
         char text[kMacTextSize];
-        std::snprintf(text, sizeof text, "%2.2X:%2.2X:%2.2X:%2.2X:%2.2X:%2.2X", mac[0], mac[1],
-                      mac[2], mac[3], mac[4], mac[5]);
+        (void)std::snprintf(text, sizeof text, "%2.2X:%2.2X:%2.2X:%2.2X:%2.2X:%2.2X", mac[0],
+                            mac[1], mac[2], mac[3], mac[4], mac[5]);
         // The name is copied bounded: the kernel fills all IFNAMSIZ bytes of a long name.
         char name[IFNAMSIZ + 1] = {};
         std::memcpy(name, records[i].ifr_name, IFNAMSIZ);

@@ -2,9 +2,11 @@
 
 #include <fstab.h>
 #include <sched.h>
+#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -36,13 +39,16 @@ class TempDir {
         char pattern[] = "/tmp/nuvra_host_info_XXXXXX";
         path_ = mkdtemp(pattern) != nullptr ? pattern : "";
     }
-    ~TempDir() { (void)std::system(("rm -rf '" + path_ + "'").c_str()); }
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
     const std::string& path() const { return path_; }
     std::string write(const std::string& name, const std::string& content) const {
-        const std::string file = path_ + "/" + name;
+        std::string file = path_ + "/" + name;
         std::ofstream(file) << content;
         return file;
     }
@@ -187,7 +193,7 @@ TEST(LocaleTest, ReadsTheEnvironmentAndRestoresTheLocale) {
         EXPECT_STREQ(info.getDefaultLanguage(), c.language) << c.lcAll;
         EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C.UTF-8") << c.lcAll;
     }
-    std::setlocale(LC_ALL, original.c_str());
+    (void)std::setlocale(LC_ALL, original.c_str());
 }
 
 // ---- disk space ----
@@ -250,7 +256,7 @@ IsolatedResult typesWithTable(const std::string& tableFile, const std::string& c
         for (const std::string& path : paths) {
             std::string type = "-";
             (void)getFileSystemType(path.c_str(), type);
-            out += path + "=" + type + ";";
+            out.append(path).append("=").append(type).append(";");
         }
         return out;
     });
@@ -369,6 +375,17 @@ TEST(InterfaceTest, MacAddressesAreUpperCaseHexAndSkipLoopback) {
     }
 }
 
+// Runs the ip tool with `argv` and tells whether it succeeded.
+bool runIp(std::vector<const char*> argv) {
+    pid_t pid = 0;
+    if (posix_spawnp(&pid, "ip", nullptr, nullptr, const_cast<char* const*>(argv.data()),
+                     environ) != 0) {
+        return false;
+    }
+    int status = 0;
+    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 // 20 veth pairs, each end with one address and a known MAC: 40 interface records, more than
 // the 30 first offered to the kernel and the 32 that getMacAddresses reads.
 TEST(InterfaceTest, ManyInterfacesGrowTheAddressListButNotTheMacList) {
@@ -376,17 +393,16 @@ TEST(InterfaceTest, ManyInterfacesGrowTheAddressListButNotTheMacList) {
     std::string batch;
     for (int i = 1; i <= 20; ++i) {
         char line[200];
-        std::snprintf(line, sizeof line,
-                      "link add a%d address 02:00:00:00:0a:%02x type veth peer name b%d "
-                      "address 02:00:00:00:0b:%02x\naddr add 10.1.0.%d/32 dev a%d\n"
-                      "addr add 10.2.0.%d/32 dev b%d\n",
-                      i, i, i, i, i, i, i, i);
+        (void)std::snprintf(line, sizeof line,
+                            "link add a%d address 02:00:00:00:0a:%02x type veth peer name b%d "
+                            "address 02:00:00:00:0b:%02x\naddr add 10.1.0.%d/32 dev a%d\n"
+                            "addr add 10.2.0.%d/32 dev b%d\n",
+                            i, i, i, i, i, i, i, i);
         batch += line;
     }
     const std::string batchFile = dir.write("batch", batch);
     const IsolatedResult result = runIsolated(CLONE_NEWNET, [&batchFile] {
-        const std::string command = "ip -batch '" + batchFile + "' >/dev/null 2>&1";
-        if (std::system(command.c_str()) != 0) {
+        if (!runIp({"ip", "-batch", batchFile.c_str(), nullptr})) {
             return std::string("skip: ip could not make the interfaces");
         }
         std::vector<Inet4Address> addresses;
@@ -402,9 +418,9 @@ TEST(InterfaceTest, ManyInterfacesGrowTheAddressListButNotTheMacList) {
         int matching = 0;
         for (const auto& [name, text] : macs) {
             char expected[18];
-            const int index = std::atoi(name.c_str() + 1);
-            std::snprintf(expected, sizeof expected, "02:00:00:00:%s:%02X",
-                          name[0] == 'a' ? "0A" : "0B", index);
+            const auto index = std::strtol(name.c_str() + 1, nullptr, 10);
+            (void)std::snprintf(expected, sizeof expected, "02:00:00:00:%s:%02lX",
+                                name[0] == 'a' ? "0A" : "0B", index);
             matching += text == expected ? 1 : 0;
         }
         return std::to_string(listed) + " addresses, " + std::to_string(macs.size()) + " MACs, " +

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 #include <sstream>
+#include <utility>
 
 #include "nuvra/utils/internal/exception_contract.h"
 
@@ -105,8 +106,8 @@ bool reverseLookupIPv4(const std::string& dottedQuad, std::string& hostName) {
 
 Inet4Address::Inet4Address(uint32_t address) : m_address(address) {}
 
-Inet4Address::Inet4Address(uint32_t address, const std::string& hostName)
-    : m_address(address), m_hostName(hostName), m_hostNameKnown(true) {}
+Inet4Address::Inet4Address(uint32_t address, std::string hostName)
+    : m_address(address), m_hostName(std::move(hostName)), m_hostNameKnown(true) {}
 
 Inet4Address::~Inet4Address() = default;
 
@@ -195,8 +196,8 @@ Inet6Address::Inet6Address() : m_address(in6addr_any) {}
 
 Inet6Address::Inet6Address(const uint32_t (&words)[4]) : m_address(fromWords(words)) {}
 
-Inet6Address::Inet6Address(const uint32_t (&words)[4], const std::string& hostName)
-    : m_address(fromWords(words)), m_hostName(hostName), m_hostNameKnown(true) {}
+Inet6Address::Inet6Address(const uint32_t (&words)[4], std::string hostName)
+    : m_address(fromWords(words)), m_hostName(std::move(hostName)), m_hostNameKnown(true) {}
 
 Inet6Address::~Inet6Address() = default;
 

@@ -68,7 +68,7 @@ class Inet4Address : public InetAddress {
     // Name unknown until getHostName looks it up.
     explicit Inet4Address(uint32_t address);
     // The name is taken as given and never looked up.
-    Inet4Address(uint32_t address, const std::string& hostName);
+    Inet4Address(uint32_t address, std::string hostName);
 
     Inet4Address(const Inet4Address&) = default;
     Inet4Address& operator=(const Inet4Address&) = default;
@@ -121,7 +121,7 @@ class Inet6Address : public InetAddress {
     // stored as in6addr_any.
     explicit Inet6Address(const uint32_t (&words)[4]);
     // The name is taken as given and never looked up.
-    Inet6Address(const uint32_t (&words)[4], const std::string& hostName);
+    Inet6Address(const uint32_t (&words)[4], std::string hostName);
 
     Inet6Address(const Inet6Address&) = default;
     Inet6Address& operator=(const Inet6Address&) = default;

@@ -124,7 +124,8 @@ TEST(Inet4AddressTest, NamesWithoutLookUp) {
     // A given name is never looked up; offline, a look-up of this address would fail.
     RUN_OFFLINE(result, [] {
         const Inet4Address given(0xC0000201, "given.example");
-        const Inet4Address copy = given;
+        Inet4Address copy;
+        copy = given;
         return given.getHostName() + "," + copy.getHostName();
     });
     EXPECT_EQ(result.output, "given.example,given.example");
@@ -248,7 +249,8 @@ TEST(Inet6AddressTest, ResolvesLiteralsThroughTheResolver) {
 TEST(Inet6AddressTest, LookUpOfANumericAddressGivesItsCanonicalText) {
     RUN_OFFLINE(result, [] {
         const Inet6Address address = make6("::1");
-        const Inet6Address copy = address;
+        Inet6Address copy;
+        copy = address;
         return address.getHostName() + "," + copy.getHostName();
     });
     EXPECT_EQ(result.output, "::1,::1");
