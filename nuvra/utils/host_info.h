@@ -63,7 +63,8 @@ bool getTotalMemory(int64_t* bytes);
 // environment's locale (setlocale(LC_ALL, "")): de_AT.UTF-8 gives "de" and "AT", fr gives
 // "fr" and "". Each field keeps at most 8 characters. The fields are left empty when the
 // environment's locale cannot be set or is "C" or "POSIX". The locale in force before the
-// call is put back afterwards.
+// call is put back afterwards, by a name kept to 29 characters: a mixed locale whose
+// composite name is longer is not restored (kept so).
 // WARNING: switches the process-wide locale for the duration of the call; not safe while
 // other threads use locale-dependent functions.
 void readLocale(OsInfo& info);

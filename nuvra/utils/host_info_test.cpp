@@ -57,31 +57,6 @@ class TempDir {
     std::string path_;
 };
 
-// Sets one environment variable for the life of the object.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, const char* value) : name_(name) {
-        const char* old = std::getenv(name);
-        hadOld_ = old != nullptr;
-        old_ = hadOld_ ? old : "";
-        setenv(name, value, 1);
-    }
-    ~ScopedEnv() {
-        if (hadOld_) {
-            setenv(name_.c_str(), old_.c_str(), 1);
-        } else {
-            unsetenv(name_.c_str());
-        }
-    }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-  private:
-    std::string name_;
-    std::string old_;
-    bool hadOld_ = false;
-};
-
 // ---- total memory ----
 
 TEST(TotalMemoryTest, ReadsTheMemTotalLineInItsUnit) {
@@ -171,10 +146,8 @@ TEST(LocaleTest, SplitsTheLocaleNameIntoLanguageAndTerritory) {
     }
 }
 
+// Each case runs in a child of its own, so the environment and locale it sets go with it.
 TEST(LocaleTest, ReadsTheEnvironmentAndRestoresTheLocale) {
-    const char* before = std::setlocale(LC_ALL, nullptr);
-    const std::string original = before != nullptr ? before : "C";
-    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr) << "C.UTF-8 is not installed";
     const struct {
         const char* lcAll;
         const char* language;
@@ -185,15 +158,20 @@ TEST(LocaleTest, ReadsTheEnvironmentAndRestoresTheLocale) {
         {"xx_YY.no-such-locale", ""},
     };
     for (const auto& c : cases) {
-        const ScopedEnv env("LC_ALL", c.lcAll);
-        OsInfo info;
-        readLocale(info);
-        EXPECT_STREQ(info.getLanguage(), c.language) << c.lcAll;
-        EXPECT_STREQ(info.getTerritory(), "") << c.lcAll;
-        EXPECT_STREQ(info.getDefaultLanguage(), c.language) << c.lcAll;
-        EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C.UTF-8") << c.lcAll;
+        const IsolatedResult result = runIsolated(0, [&c] {
+            if (std::setlocale(LC_ALL, "C.UTF-8") == nullptr) {
+                return std::string("C.UTF-8 is not installed");
+            }
+            setenv("LC_ALL", c.lcAll, 1);
+            OsInfo info;
+            readLocale(info);
+            return std::string(info.getLanguage()) + "|" + info.getTerritory() + "|" +
+                   info.getDefaultLanguage() + "|" + std::setlocale(LC_ALL, nullptr);
+        });
+        ASSERT_TRUE(result.isolated) << result.output;
+        EXPECT_EQ(result.output, std::string(c.language) + "||" + c.language + "|C.UTF-8")
+            << c.lcAll;
     }
-    (void)std::setlocale(LC_ALL, original.c_str());
 }
 
 // ---- disk space ----
