@@ -72,7 +72,8 @@ void readLocale(OsInfo& info);
 // Appends to `out` the IPv4 address (no host name) of every interface that has one, in the
 // kernel's order; what `out` held before stays. The interface list buffer grows until the
 // kernel's list fits, so any number of interfaces is seen. Returns false, after writing
-// "SIOCGIFCONF" and the reason with perror, when the interface list cannot be read.
+// "SIOCGIFCONF" and the reason with perror, when the interface list cannot be read, and
+// without a message when memory for the list runs out.
 // WARNING: the socket used for the query is never closed (kept so: long-standing callers
 // call this once); each call leaves one descriptor open.
 bool getLocalAddresses(std::vector<Inet4Address>& out);
