@@ -171,8 +171,8 @@ class ChildProcess {
     size_t readStderrLine(std::string& line);
 
     // Appends to `out` what a line read left over, then what one read of at most 512 bytes
-    // brings. False at end of data, on error, and when that pipe is not open (even when
-    // left-over text was appended).
+    // brings. False at end of data and on error (even when left-over text was appended), and
+    // when that pipe was not requested or could not be opened.
     bool readStdout(std::string& out);
     bool readStderr(std::string& out);
 
