@@ -7,6 +7,16 @@ find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto)
 find_package(Boost 1.74 REQUIRED COMPONENTS regex)
 include(NuvraLinkTargets)
 
+# A fully static link has to name what the archives themselves depend on: Boost.Regex is
+# built with ICU, and libcrypto loads modules and runs threads.
+if(NUVRA_STATIC_EXECUTABLES)
+    add_link_options("$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-static>")
+    set_property(TARGET nuvra_boost_regex APPEND PROPERTY
+        INTERFACE_LINK_LIBRARIES icui18n icuuc icudata)
+    set_property(TARGET nuvra_libcrypto APPEND PROPERTY
+        INTERFACE_LINK_LIBRARIES ${CMAKE_DL_LIBS} Threads::Threads)
+endif()
+
 if(BUILD_TESTING)
     find_package(GTest REQUIRED)
     include(GoogleTest)

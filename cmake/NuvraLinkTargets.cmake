@@ -5,7 +5,9 @@
 #
 # libuuid, libcrypto and Boost.Regex are linked by name (-luuid, -lcrypto, -lboost_regex)
 # rather than through the full paths that the packages' own imported targets carry, so that a
-# fully static link of nuvra-guid picks the archives.
+# fully static link of nuvra-guid picks the archives. Each target names the folder its library
+# was found in, which matters when that is not the linker's own (a sysroot of another
+# architecture, for one).
 
 if(NOT TARGET nuvra_libuuid)
     add_library(nuvra_libuuid INTERFACE IMPORTED)
@@ -17,14 +19,22 @@ endif()
 
 if(NOT TARGET nuvra_libcrypto)
     add_library(nuvra_libcrypto INTERFACE IMPORTED)
+    get_filename_component(nuvra_crypto_dir "${OPENSSL_CRYPTO_LIBRARY}" DIRECTORY)
     set_target_properties(nuvra_libcrypto PROPERTIES
         INTERFACE_INCLUDE_DIRECTORIES "${OPENSSL_INCLUDE_DIR}"
+        INTERFACE_LINK_DIRECTORIES "${nuvra_crypto_dir}"
         INTERFACE_LINK_LIBRARIES "crypto")
+    unset(nuvra_crypto_dir)
 endif()
 
 if(NOT TARGET nuvra_boost_regex)
     add_library(nuvra_boost_regex INTERFACE IMPORTED)
+    get_target_property(nuvra_boost_regex_file Boost::regex LOCATION)
+    get_filename_component(nuvra_boost_regex_dir "${nuvra_boost_regex_file}" DIRECTORY)
     set_target_properties(nuvra_boost_regex PROPERTIES
         INTERFACE_INCLUDE_DIRECTORIES "${Boost_INCLUDE_DIRS}"
+        INTERFACE_LINK_DIRECTORIES "${nuvra_boost_regex_dir}"
         INTERFACE_LINK_LIBRARIES "boost_regex")
+    unset(nuvra_boost_regex_file)
+    unset(nuvra_boost_regex_dir)
 endif()

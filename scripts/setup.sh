@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing and benchmarking nuvra need.
-# Idempotent: it asks apt only for what is missing, and refreshes the package lists only then.
+# Installs the Debian packages that building, testing and benchmarking nuvra need; with the
+# argument "i386" also the 32-bit compiler and the user-mode emulator that the i386 preset
+# needs. Idempotent: it asks apt only for what is missing, and refreshes the package lists
+# only then.
 set -euo pipefail
 
 packages=(
@@ -10,6 +12,9 @@ packages=(
     uuid-runtime hyperfine
     dpkg-dev file
 )
+if [ "${1:-}" = i386 ]; then
+    packages+=(g++-multilib qemu-user-static)
+fi
 
 is_installed() {
     [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]

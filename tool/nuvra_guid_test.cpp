@@ -89,8 +89,20 @@ RunResult run(Stdout mode, std::vector<std::string> args) {
     return result;
 }
 
+// The command that starts the tool: a cross build's tests start it through the same emulator
+// that runs them, as the kernel need not run the target's programs itself.
+std::vector<std::string> toolCommand() {
+    std::vector<std::string> command;
+    if (NUVRA_GUID_LAUNCHER[0] != '\0') {
+        command.emplace_back(NUVRA_GUID_LAUNCHER);
+    }
+    command.emplace_back(NUVRA_GUID_PATH);
+    return command;
+}
+
 RunResult runTool(Stdout mode, std::vector<std::string> args = {}) {
-    args.insert(args.begin(), NUVRA_GUID_PATH);
+    const std::vector<std::string> command = toolCommand();
+    args.insert(args.begin(), command.begin(), command.end());
     return run(mode, std::move(args));
 }
 
@@ -124,10 +136,16 @@ TEST(NuvraGuid, ExitsZeroSilentlyWhenOutputFails) {
 TEST(NuvraGuid, PrintsAGuidWithoutTheRandomDevice) {
     // An empty /dev in a private mount namespace hides /dev/urandom from the tool alone.
     constexpr int kNoNamespace = 77;
-    const RunResult result =
-        run(Stdout::kPipe,
-            {"/usr/bin/unshare", "--mount", "/bin/sh", "-c",
-             "mount -t tmpfs tmpfs /dev 2>/dev/null || exit 77; exec \"$0\"", NUVRA_GUID_PATH});
+    std::vector<std::string> args = {
+        "/usr/bin/unshare",
+        "--mount",
+        "/bin/sh",
+        "-c",
+        "mount -t tmpfs tmpfs /dev 2>/dev/null || exit 77; exec \"$@\"",
+        "sh"};
+    const std::vector<std::string> command = toolCommand();
+    args.insert(args.end(), command.begin(), command.end());
+    const RunResult result = run(Stdout::kPipe, std::move(args));
     const bool exited = WIFEXITED(result.status);
     if (exited && (WEXITSTATUS(result.status) == kNoNamespace ||
                    result.err.find("unshare:") != std::string::npos)) {

@@ -236,48 +236,49 @@ TEST(SleepMs, SleepsAtLeastTheTimeAsked) {
 std::atomic<int> signalsHandled{0};
 void countSignal(int /*signal*/) { signalsHandled.fetch_add(1); }
 
-// Interrupts the calling thread with a handled SIGUSR1 every 2 ms while it lives. The
-// handler is installed without SA_RESTART, so each signal ends a pending nanosleep.
-class SignalStorm {
-  public:
-    SignalStorm() : target_(pthread_self()) {
-        struct sigaction action {};
-        action.sa_handler = &countSignal;
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGUSR1, &action, &previous_);
-        signalsHandled = 0;
-        sender_ = std::thread([this] {
-            while (!stop_) {
-                pthread_kill(target_, SIGUSR1);
-                std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            }
-        });
+// Runs `sleep` on a new thread and interrupts that thread with a handled SIGUSR1 every 2 ms
+// until it returns. The handler is installed without SA_RESTART, so each signal ends a pending
+// nanosleep. The sleeper is the newest thread and the signals come from the test's own
+// thread: under qemu-i386 user-mode emulation, threads share one TLS descriptor that holds the
+// newest thread's base, and a handler's return reloads it, so a signal handled on an older
+// thread would leave that thread running with another thread's thread pointer.
+template <typename Sleep>
+void sleepUnderSignals(Sleep sleep) {
+    struct sigaction action {};
+    struct sigaction previous {};
+    action.sa_handler = &countSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGUSR1, &action, &previous);
+    std::atomic<bool> done{false};
+    std::thread sleeper([&] {
+        sleep();
+        done = true;
+    });
+    while (!done) {
+        pthread_kill(sleeper.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    ~SignalStorm() {
-        stop_ = true;
-        sender_.join();
-        sigaction(SIGUSR1, &previous_, nullptr);
-    }
-    SignalStorm(const SignalStorm&) = delete;
-    SignalStorm& operator=(const SignalStorm&) = delete;
-
-  private:
-    pthread_t target_;
-    struct sigaction previous_ {};
-    std::atomic<bool> stop_{false};
-    std::thread sender_;
-};
+    sleeper.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+}
 
 TEST(SleepMs, SignalEndsTheSleepUnlessAskedToResume) {
-    SignalStorm storm;
-    auto start = std::chrono::steady_clock::now();
-    sleepMs(500, false);
-    EXPECT_LT(msSince(start), 250);
+    int64_t interrupted = 0;
+    sleepUnderSignals([&] {
+        const auto start = std::chrono::steady_clock::now();
+        sleepMs(500, false);
+        interrupted = msSince(start);
+    });
+    EXPECT_LT(interrupted, 250);
 
-    start = std::chrono::steady_clock::now();
+    int64_t resumed = 0;
     const int before = signalsHandled;
-    sleepMs(100, true);
-    EXPECT_GE(msSince(start), 100);
+    sleepUnderSignals([&] {
+        const auto start = std::chrono::steady_clock::now();
+        sleepMs(100, true);
+        resumed = msSince(start);
+    });
+    EXPECT_GE(resumed, 100);
     EXPECT_GT(signalsHandled - before, 0) << "the sleep was never interrupted";
 }
 
