@@ -1,5 +1,6 @@
 #include "nuvra/utils/random_source.h"
 
+#include <fcntl.h>
 #include <openssl/rand.h>
 
 #include <algorithm>
@@ -39,6 +40,13 @@ uint64_t signExtended64(uint32_t byte) {
     return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int8_t>(byte)));
 }
 
+// The descriptor under a std::filebuf. libstdc++ keeps it in the buffer's protected file
+// member; naming that member through a derived class is the one way in without a cast.
+class FileBufDescriptor : public std::filebuf {
+  public:
+    static int of(std::filebuf& buffer) { return (buffer.*&FileBufDescriptor::_M_file).fd(); }
+};
+
 }  // namespace
 
 RandomSource::RandomSource() : RandomSource(kDevicePath) {}
@@ -53,6 +61,13 @@ RandomSource::RandomSource(const char* devicePath) {
     }
     haveDevice_ = true;
     const int savedErrno = errno;
+    // The file stream opens without close-on-exec, and a child started while this source
+    // lives must not inherit the device. Another thread forking between the open and this
+    // call can still pass it on; the streams offer no way to open close-on-exec.
+    const int fd = FileBufDescriptor::of(*stream_.rdbuf());
+    if (fd >= 0) {
+        fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
+    }
     stream_.get();  // the first byte is skipped on purpose
     errno = savedErrno;
     stream_.read(reinterpret_cast<char*>(&seed_), sizeof seed_);
