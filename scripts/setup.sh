@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing and benchmarking nuvra need.
+# Installs the Debian packages that building, testing, fuzzing and benchmarking nuvra need.
 # Idempotent: it asks apt only for what is missing, and refreshes the package lists only then.
 set -euo pipefail
 
@@ -9,6 +9,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     uuid-runtime hyperfine
     dpkg-dev file
+    clang libclang-rt-14-dev libfuzzer-14-dev valgrind
 )
 
 is_installed() {
