@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing and benchmarking nuvra need; with the
-# argument "i386" also the 32-bit compiler and the user-mode emulator that the i386 preset
-# needs. Idempotent: it asks apt only for what is missing, and refreshes the package lists
-# only then.
+# Installs the Debian packages that building, testing, fuzzing and benchmarking nuvra need;
+# with the argument "i386" also the 32-bit compiler and the user-mode emulator that the i386
+# preset needs. Idempotent: it asks apt only for what is missing, and refreshes the package
+# lists only then.
 set -euo pipefail
 
 packages=(
@@ -11,6 +11,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     uuid-runtime hyperfine
     dpkg-dev file
+    clang libclang-rt-14-dev libfuzzer-14-dev valgrind
 )
 if [ "${1:-}" = i386 ]; then
     packages+=(g++-multilib qemu-user-static)

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -13,6 +14,8 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "nuvra/utils/internal/random_source_seam.h"
+#include "nuvra/utils/uuid.h"
 
 namespace {
 
@@ -24,7 +27,9 @@ using ::testing::MatchesRegex;
 constexpr char kGuidLine[] =
     "[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{2}4[0-9a-f]-[89ab][0-9a-f]{3}-[0-9a-f]{12}\n";
 
-enum class Stdout { kPipe, kClosed, kDevFull };
+// Where the child's standard output goes: a pipe read by the test, nowhere (closed),
+// /dev/full, or a pipe whose reader has already gone.
+enum class Stdout { kPipe, kClosed, kDevFull, kPipeWithoutReader };
 
 struct RunResult {
     int status = -1;  // as from waitpid
@@ -72,14 +77,28 @@ RunResult run(Stdout mode, std::vector<std::string> args) {
         case Stdout::kDevFull:
             posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/full", O_WRONLY, 0);
             break;
+        case Stdout::kPipeWithoutReader:
+            close(out[0]);
+            out[0] = -1;
+            posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+            break;
     }
+    // SIGPIPE at its default action, whatever the test runner left it at.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     pid_t pid = -1;
-    const int spawnError = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    const int spawnError = posix_spawn(&pid, argv[0], &actions, &attributes, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
     close(out[1]);
     close(err[1]);
     // One line is far below a pipe's capacity, so reading the pipes in turn cannot block.
-    result.out = readAll(out[0]);
+    result.out = out[0] == -1 ? "" : readAll(out[0]);
     result.err = readAll(err[0]);
     if (spawnError != 0) {
         ADD_FAILURE() << "posix_spawn: " << std::strerror(spawnError);
@@ -133,6 +152,13 @@ TEST(NuvraGuid, ExitsZeroSilentlyWhenOutputFails) {
     }
 }
 
+TEST(NuvraGuid, ExitsZeroSilentlyWhenTheReaderHasGone) {
+    // SIGPIPE at its default action, and ignored from the start by the parent.
+    expectCleanExit(runTool(Stdout::kPipeWithoutReader));
+    expectCleanExit(run(Stdout::kPipeWithoutReader,
+                        {"/bin/sh", "-c", "trap '' PIPE; exec \"$0\"", NUVRA_GUID_PATH}));
+}
+
 TEST(NuvraGuid, PrintsAGuidWithoutTheRandomDevice) {
     // An empty /dev in a private mount namespace hides /dev/urandom from the tool alone.
     constexpr int kNoNamespace = 77;
@@ -149,7 +175,13 @@ TEST(NuvraGuid, PrintsAGuidWithoutTheRandomDevice) {
     const bool exited = WIFEXITED(result.status);
     if (exited && (WEXITSTATUS(result.status) == kNoNamespace ||
                    result.err.find("unshare:") != std::string::npos)) {
-        GTEST_SKIP() << "cannot hide /dev/urandom here: " << result.err;
+        // No private mount namespace here: the tool's own steps in this process instead,
+        // over a device path that does not exist.
+        const auto source =
+            nuvra::utils::internal::RandomSourceSeam::withDevice("/nonexistent/nuvra-random");
+        EXPECT_FALSE(source->haveDevice());
+        EXPECT_THAT(nuvra::utils::Uuid().toString() + "\n", MatchesRegex(kGuidLine));
+        return;
     }
     expectCleanExit(result);
     EXPECT_THAT(result.out, MatchesRegex(kGuidLine));

@@ -287,8 +287,12 @@ bool copyIfShorter(char* dst, size_t size, const char* begin, const char* end) {
     return true;
 }
 
-// The text between the first `open` and the next `close`, or false.
+// The text between the first `open` and the next `close`, or false. A NUL delimiter is
+// never found: strchr would find the terminator, and the search would go on past it.
 bool findBetween(const char* src, char open, char close, const char*& begin, const char*& end) {
+    if (open == 0 || close == 0) {
+        return false;
+    }
     const char* opening = std::strchr(src, open);
     if (opening == nullptr) {
         return false;

@@ -76,14 +76,16 @@ int startsWithNoCase(const char* s, const char* prefix);
 
 // Copies the text between the first `open` and the next `close` after it into dst and
 // returns dst. Returns null, leaving dst empty (untouched when size is 0), when either
-// character is missing or the enclosed text is size-1 bytes or longer. Note that an
-// enclosed text of exactly size-1 bytes, which would just fit, is refused.
+// character is missing (a NUL `open` or `close` never occurs) or the enclosed text is
+// size-1 bytes or longer. Note that an enclosed text of exactly size-1 bytes, which would
+// just fit, is refused.
 char* extractBetween(char* dst, const char* src, size_t size, char open, char close);
 // The same extraction, reporting the outcome as a bool.
 bool copyBetween(const char* src, char open, char close, char* dst, size_t size);
 
 // Removes every span from an `open` to the next `close` after it, both included, until no
-// complete span is left; an `open` with no later `close` stays.
+// complete span is left; an `open` with no later `close` stays. A NUL `open` or `close`
+// removes nothing.
 void removeDelimited(char* s, char open, char close);
 
 // Replaces every occurrence of `from` by `to` in `s`, which lives in a buffer of

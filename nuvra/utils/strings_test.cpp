@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -306,6 +307,26 @@ TEST(RemoveDelimited, RemovesCompleteSpans) {
         std::string text = c.input;
         removeDelimited(text.data(), '(', ')');
         EXPECT_STREQ(text.c_str(), c.left);
+    }
+}
+
+// A NUL delimiter would be "found" at the terminator; the search must not read on past it.
+// The text sits at the very end of its allocation, so AddressSanitizer sees such a read.
+TEST(Delimited, NulDelimitersAreNeverFound) {
+    static const struct {
+        char open;
+        char close;
+    } kCases[] = {{'\0', ')'}, {'(', '\0'}, {'\0', '\0'}};
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(std::to_string(c.open) + " " + std::to_string(c.close));
+        std::unique_ptr<char[]> text(new char[6]);
+        std::memcpy(text.get(), "a(b)c", 6);
+        removeDelimited(text.get(), c.open, c.close);
+        EXPECT_STREQ(text.get(), "a(b)c");
+        GuardedBuffer extracted(8);
+        EXPECT_EQ(extractBetween(extracted.data(), text.get(), 8, c.open, c.close), nullptr);
+        EXPECT_EQ(extracted.text(), "");
+        EXPECT_FALSE(copyBetween(text.get(), c.open, c.close, extracted.data(), 8));
     }
 }
 

@@ -16,6 +16,14 @@ void swapGuidGroups(Uuid::Bytes& bytes) {
     std::swap(bytes[6], bytes[7]);
 }
 
+// uuid_parse of the text, which must be the whole string: uuid_parse stops at the first NUL,
+// so a string holding a GUID followed by NULs would otherwise be accepted. Writes `out` only
+// on success.
+bool parseText(const std::string& text, Uuid::Bytes& out) {
+    constexpr size_t kTextLength = 36;
+    return text.size() == kTextLength && uuid_parse(text.c_str(), out.data()) == 0;
+}
+
 }  // namespace
 
 Uuid::Uuid() : value_{}, valid_(true) { uuid_generate(value_.data()); }
@@ -28,7 +36,7 @@ Uuid Uuid::generate() {
 
 Uuid Uuid::fromString(const std::string& text) {
     Uuid result(Bytes{}, false);
-    if (uuid_parse(text.c_str(), result.value_.data()) != 0) {
+    if (!parseText(text, result.value_)) {
         // The parser may have written part of the value before it failed.
         result.value_.fill(0);
         return result;
@@ -47,7 +55,7 @@ Uuid& Uuid::operator=(const Uuid& other) {
 }
 
 bool Uuid::parse(const std::string& text) {
-    valid_ = uuid_parse(text.c_str(), value_.data()) == 0;
+    valid_ = parseText(text, value_);
     // Applied whether or not the parse succeeded: on failure the previous bytes end up
     // permuted once more. Callers look at the flag, and this is how the value has always
     // behaved.

@@ -37,15 +37,17 @@ TEST(UuidText, StorageOrderSwapsTheFirstThreeGroups) {
 }
 
 TEST(UuidText, RejectedTextGivesZeroBytesAndInvalid) {
-    static const char* const kBadTexts[] = {
+    static const std::string kBadTexts[] = {
         "",
-        "00112233-4455-6677-8899-aabbccddeef",    // 35 characters
-        "00112233-4455-6677-8899-aabbccddeeff0",  // 37 characters
-        "001122334-455-6677-8899-aabbccddeeff",   // hyphen one place late
-        "00112233-4455-6677-8899aaabbccddeeff",   // hyphen replaced by a digit
-        "00112233-4455-6677-8899-aabbccddeegf",   // not a hexadecimal digit
+        "00112233-4455-6677-8899-aabbccddeef",                      // 35 characters
+        "00112233-4455-6677-8899-aabbccddeeff0",                    // 37 characters
+        "001122334-455-6677-8899-aabbccddeeff",                     // hyphen one place late
+        "00112233-4455-6677-8899aaabbccddeeff",                     // hyphen replaced by a digit
+        "00112233-4455-6677-8899-aabbccddeegf",                     // not a hexadecimal digit
+        std::string("00112233-4455-6677-8899-aabbccddeeff\0", 37),  // a valid text, then a NUL
+        std::string("00112233-4455\0", 14),
     };
-    for (const char* text : kBadTexts) {
+    for (const std::string& text : kBadTexts) {
         SCOPED_TRACE(text);
         const Uuid uuid = Uuid::fromString(text);
         EXPECT_FALSE(uuid.isValid());
@@ -61,10 +63,15 @@ TEST(UuidParse, SuccessReplacesTheValue) {
 }
 
 TEST(UuidParse, FailurePermutesThePreviousBytesOnceMore) {
-    Uuid uuid(kCounting, true);
-    EXPECT_FALSE(uuid.parse("not a guid"));
-    EXPECT_FALSE(uuid.isValid());
-    EXPECT_EQ(uuid.bytes(), kCountingSwapped);
+    const std::string kBadTexts[] = {"not a guid",
+                                     std::string("00112233-4455-6677-8899-aabbccddeeff\0", 37)};
+    for (const std::string& text : kBadTexts) {
+        SCOPED_TRACE(text);
+        Uuid uuid(kCounting, true);
+        EXPECT_FALSE(uuid.parse(text));
+        EXPECT_FALSE(uuid.isValid());
+        EXPECT_EQ(uuid.bytes(), kCountingSwapped);
+    }
 }
 
 TEST(UuidNull, IsTheParsedAllZeroText) {
