@@ -9,17 +9,17 @@
 #include <csignal>
 #include <cstdlib>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "gtest/gtest.h"
 #include "nuvra/tiny/internal/clock_seam.h"
 
 namespace nuvra::tiny {
 namespace {
-
-// ---- Tick clock and timers over a fake tick count ----
 
 std::clock_t fakeTicks = 0;
 std::clock_t readFakeTicks() { return fakeTicks; }
@@ -32,21 +32,22 @@ class FakeTickClock : public ::testing::Test {
         internal::setTickSourceForTesting(&readFakeTicks);
     }
     void TearDown() override { internal::setTickSourceForTesting(nullptr); }
-
     static void advanceMs(int ms) { fakeTicks += ms / 10; }
 };
 
-TEST_F(FakeTickClock, TicksAreTakenAsSigned32BitsAndScaled) {
+TEST_F(FakeTickClock, TicksAreSigned32BitsAndTheirWrapIsNotCompensated) {
+    // In the order the kernel's count passes them.
     static const struct {
         std::clock_t ticks;
         uint64_t ms;
     } kCases[] = {
         {0, 0},
-        {1, 10},
         {12345, 123450},
         {0x7FFFFFFF, 21474836470u},
-        {-1, 184467440737095506u},  // -1000 ms taken as unsigned, then divided
         {static_cast<std::clock_t>(INT32_MIN), 184467419262259036u},
+        {-1, 184467440737095506u},  // -1000 ms taken as unsigned, then divided
+        {0, 0},
+        {5, 50},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.ticks);
@@ -59,15 +60,6 @@ TEST_F(FakeTickClock, TicksAreTakenAsSigned32BitsAndScaled) {
     }
 }
 
-TEST_F(FakeTickClock, WrapOfTheTickCountIsNotCompensated) {
-    fakeTicks = -1;
-    EXPECT_GT(tickClockMs(), uint64_t{1} << 56);
-    fakeTicks = 0;
-    EXPECT_EQ(tickClockMs(), 0u);
-    fakeTicks = 5;
-    EXPECT_EQ(tickClockMs(), 50u);
-}
-
 TEST(TickClock, FollowsTimes) {
     tms unused{};
     const auto before =
@@ -77,60 +69,47 @@ TEST(TickClock, FollowsTimes) {
     EXPECT_LE(reading, before + 100);
 }
 
-TEST_F(FakeTickClock, PeriodicTimerReportsEachMissedPeriodOnItsOwnCheck) {
-    IntervalTimer timer(1, IntervalTimer::Periodic, true);
-    advanceMs(3500);
-    for (const uint32_t expected : {3u, 2u, 1u}) {
-        uint32_t elapsed = 99;
-        EXPECT_TRUE(timer.check(&elapsed));
-        EXPECT_EQ(elapsed, expected);
-    }
-    EXPECT_FALSE(timer.check());
-    advanceMs(500);
-    EXPECT_TRUE(timer.check());
-}
-
-TEST_F(FakeTickClock, OnceAndUnknownModesKeepReportingExpiry) {
-    for (const uint32_t mode : {uint32_t{IntervalTimer::Once}, 4u, 0xFFFFFFFFu}) {
-        SCOPED_TRACE(mode);
-        IntervalTimer timer(2, mode, true);
-        advanceMs(1900);
-        EXPECT_FALSE(timer.check());
-        advanceMs(100);
-        EXPECT_TRUE(timer.check());
-        advanceMs(5000);
-        uint32_t elapsed = 0;
-        EXPECT_TRUE(timer.check(&elapsed));
-        EXPECT_EQ(elapsed, 7u);
-    }
-}
-
-TEST_F(FakeTickClock, RestartOnCheckNeedsAFullIntervalBetweenChecks) {
-    IntervalTimer timer(2, IntervalTimer::RestartOnCheck, true);
-    advanceMs(1500);
-    EXPECT_FALSE(timer.check());
-    advanceMs(1500);  // 3 s since the start, but 1.5 s since the last check
-    EXPECT_FALSE(timer.check());
-    advanceMs(2000);
-    EXPECT_TRUE(timer.check());
-    EXPECT_TRUE(timer.check());  // expiry does not restart it
-}
-
-TEST_F(FakeTickClock, ScheduleWalksTheListThenRepeatsItsLastInterval) {
+TEST_F(FakeTickClock, EachModeActsOnExpiryAsDocumented) {
     static const uint32_t kSchedule[] = {1, 5, IntervalTimer::kScheduleEnd};
-    IntervalTimer timer(kSchedule);
-    EXPECT_EQ(timer.remainingSeconds(), 1);
-    advanceMs(1000);
-    EXPECT_TRUE(timer.check());
-    for (int round = 0; round < 2; ++round) {
-        SCOPED_TRACE(round);
-        advanceMs(4900);
-        EXPECT_FALSE(timer.check());
-        advanceMs(100);
-        EXPECT_TRUE(timer.check());
+    struct Step {
+        int advanceMs;
+        bool expired;
+        uint32_t elapsed;
+    };
+    const std::vector<Step> once = {{1900, false, 1}, {100, true, 2}, {5000, true, 7}};
+    const struct {
+        uint32_t mode;
+        int32_t interval;
+        std::vector<Step> steps;
+    } kCases[] = {
+        // Each missed period is reported by its own check.
+        {IntervalTimer::Periodic,
+         1,
+         {{3500, true, 3}, {0, true, 2}, {0, true, 1}, {0, false, 0}, {500, true, 1}}},
+        {IntervalTimer::Once, 2, once},
+        {4, 2, once},
+        {0xFFFFFFFF, 2, once},
+        // A check before expiry restarts: expiry needs a full interval between two checks.
+        {IntervalTimer::RestartOnCheck,
+         2,
+         {{1500, false, 1}, {1500, false, 1}, {2000, true, 2}, {0, true, 2}}},
+        // Walks the list, then repeats its last interval.
+        {IntervalTimer::Schedule,
+         0,
+         {{1000, true, 1}, {4900, false, 4}, {100, true, 5}, {4900, false, 4}, {100, true, 5}}},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.mode);
+        auto timer = c.mode == IntervalTimer::Schedule
+                         ? std::make_unique<IntervalTimer>(kSchedule)
+                         : std::make_unique<IntervalTimer>(c.interval, c.mode, true);
+        for (const Step& step : c.steps) {
+            advanceMs(step.advanceMs);
+            uint32_t elapsed = 99;
+            EXPECT_EQ(timer->check(&elapsed), step.expired);
+            EXPECT_EQ(elapsed, step.elapsed);
+        }
     }
-    timer.start();  // back to the first entry
-    EXPECT_EQ(timer.remainingSeconds(), 1);
 }
 
 TEST_F(FakeTickClock, StoppedTimerReportsNothing) {
@@ -156,7 +135,7 @@ TEST_F(FakeTickClock, RemainingSecondsFollowsIntervalChangesAndGoesNegative) {
     EXPECT_TRUE(timer.check());
 }
 
-TEST_F(FakeTickClock, AssignmentCopiesTheStateButNotTheLock) {
+TEST_F(FakeTickClock, AssignmentCopiesTheScheduleStateAndStartRewindsTheSchedule) {
     static const uint32_t kSchedule[] = {1, 5, IntervalTimer::kScheduleEnd};
     IntervalTimer source(kSchedule);
     advanceMs(1000);
@@ -170,9 +149,9 @@ TEST_F(FakeTickClock, AssignmentCopiesTheStateButNotTheLock) {
     advanceMs(4000);
     EXPECT_FALSE(copy.check());  // the copy moved on through the same list
     EXPECT_TRUE(source.check());
+    source.start();
+    EXPECT_EQ(source.remainingSeconds(), 1);
 }
-
-// ---- Wall clock ----
 
 TEST(WallClock, RoundsToTheNearestMillisecond) {
     static const struct {
@@ -196,18 +175,18 @@ TEST(WallClock, RoundsToTheNearestMillisecond) {
         EXPECT_EQ(internal::roundToMs(time), c.ms32);
         EXPECT_EQ(internal::roundToMs64(time), c.ms64);
     }
-}
-
-TEST(WallClock, ThirtyTwoBitFormIsTheLowPartOfTheSixtyFourBitForm) {
     const int64_t wide = currentTimeMs64();
-    const uint32_t narrow = currentTimeMs();
-    EXPECT_LT(narrow - static_cast<uint32_t>(wide), 1000u);
+    EXPECT_LT(currentTimeMs() - static_cast<uint32_t>(wide), 1000u);
     EXPECT_GT(wide, int64_t{1600000000000});  // after September 2020
 }
 
-// ---- Sleeping ----
+int64_t msSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start)
+        .count();
+}
 
-TEST(SleepMs, SplitsMillisecondsIntoTheRequest) {
+TEST(SleepMs, SleepsAtLeastTheTimeAskedSplitIntoTheRequest) {
     static const struct {
         int32_t ms;
         time_t seconds;
@@ -219,15 +198,6 @@ TEST(SleepMs, SplitsMillisecondsIntoTheRequest) {
         EXPECT_EQ(request.tv_sec, c.seconds);
         EXPECT_EQ(request.tv_nsec, c.nanoseconds);
     }
-}
-
-int64_t msSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                 start)
-        .count();
-}
-
-TEST(SleepMs, SleepsAtLeastTheTimeAsked) {
     const auto start = std::chrono::steady_clock::now();
     sleepMs(50, false);
     EXPECT_GE(msSince(start), 50);
@@ -236,12 +206,11 @@ TEST(SleepMs, SleepsAtLeastTheTimeAsked) {
 std::atomic<int> signalsHandled{0};
 void countSignal(int /*signal*/) { signalsHandled.fetch_add(1); }
 
-// Runs `sleep` on a new thread and interrupts that thread with a handled SIGUSR1 every 2 ms
-// until it returns. The handler is installed without SA_RESTART, so each signal ends a pending
-// nanosleep. The sleeper is the newest thread and the signals come from the test's own
-// thread: under qemu-i386 user-mode emulation, threads share one TLS descriptor that holds the
-// newest thread's base, and a handler's return reloads it, so a signal handled on an older
-// thread would leave that thread running with another thread's thread pointer.
+// Runs `sleep` on a new thread and sends it a handled SIGUSR1 (no SA_RESTART) every 2 ms until
+// it returns. The sleeper is the newest thread and the signals come from the test's thread:
+// under qemu-i386 threads share one TLS descriptor holding the newest thread's base, which a
+// handler's return reloads, so an older thread handling a signal would run on with another
+// thread's thread pointer.
 template <typename Sleep>
 void sleepUnderSignals(Sleep sleep) {
     struct sigaction action {};
@@ -282,37 +251,33 @@ TEST(SleepMs, SignalEndsTheSleepUnlessAskedToResume) {
     EXPECT_GT(signalsHandled - before, 0) << "the sleep was never interrupted";
 }
 
-// ---- Conversions and the UTC offset ----
-
-// Sets TZ for one scope and restores the previous setting.
-class ScopedTimeZone {
-  public:
-    explicit ScopedTimeZone(const char* zone) {
-        if (const char* previous = std::getenv("TZ")) {
-            previous_ = previous;
+// Restores TZ after each test; use() sets it.
+class TimeZone : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (const char* zone = std::getenv("TZ")) {
+            saved_ = zone;
         }
-        setenv("TZ", zone, 1);
-        tzset();
     }
-    ~ScopedTimeZone() {
-        if (previous_) {
-            setenv("TZ", previous_->c_str(), 1);
+    void TearDown() override {
+        if (saved_) {
+            setenv("TZ", saved_->c_str(), 1);
         } else {
             unsetenv("TZ");
         }
         tzset();
     }
-    ScopedTimeZone(const ScopedTimeZone&) = delete;
-    ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
-
-  private:
-    std::optional<std::string> previous_;
+    static void use(const char* zone) {
+        setenv("TZ", zone, 1);
+        tzset();
+    }
+    std::optional<std::string> saved_;
 };
 
 constexpr std::time_t kNewYearsEve2023 = 1704065400;  // 2023-12-31 23:30:00 UTC, a Sunday
 
-TEST(TimeConversion, WrappersConvertAndFormat) {
-    ScopedTimeZone zone("EET-2");
+TEST_F(TimeZone, WrappersConvertAndFormat) {
+    use("EET-2");
     std::tm utc{};
     ASSERT_EQ(gmtimeR(&kNewYearsEve2023, &utc), &utc);
     EXPECT_EQ(utc.tm_year, 123);
@@ -331,10 +296,8 @@ TEST(TimeConversion, WrappersConvertAndFormat) {
         EXPECT_EQ(gmtimeR(&tooLate, &utc), nullptr);
         EXPECT_EQ(utcOffsetMinutes(tooLate), 0);
     }
-}
 
-TEST(TimeConversion, CurrentLocalTimeIsNow) {
-    ScopedTimeZone zone("UTC0");
+    use("UTC0");
     const std::time_t before = std::time(nullptr);
     std::tm now{};
     ASSERT_EQ(currentLocalTime(&now), &now);
@@ -343,7 +306,7 @@ TEST(TimeConversion, CurrentLocalTimeIsNow) {
     EXPECT_LE(read, std::time(nullptr));
 }
 
-TEST(UtcOffsetMinutes, AccountsForTheDateLineOfEachZone) {
+TEST_F(TimeZone, UtcOffsetMinutesAccountsForTheDateLineOfEachZone) {
     static const struct {
         const char* zone;
         std::time_t time;
@@ -360,41 +323,32 @@ TEST(UtcOffsetMinutes, AccountsForTheDateLineOfEachZone) {
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(std::string(c.zone) + " at " + std::to_string(c.time));
-        ScopedTimeZone zone(c.zone);
+        use(c.zone);
         EXPECT_EQ(utcOffsetMinutes(c.time), c.minutes);
     }
 }
 
-// ---- Month and day names ----
-
-TEST(Abbreviations, IndicesOutOfRangeGiveTheFirstName) {
+TEST(Abbreviations, NamesLookupIgnoringCaseAndFirstNameForAnythingElse) {
     static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     for (uint32_t i = 0; i < 12; ++i) {
         EXPECT_STREQ(monthAbbreviation(i), kMonths[i]);
         EXPECT_EQ(monthFromAbbreviation(kMonths[i]), i);
+        EXPECT_STREQ(dayAbbreviation(i % 7), kDays[i % 7]);
     }
-    for (uint32_t i = 0; i < 7; ++i) {
-        EXPECT_STREQ(dayAbbreviation(i), kDays[i]);
-    }
-    for (const uint32_t outside : {12u, 100u, 0xFFFFFFFFu}) {
+    for (const uint32_t outside : {12u, 0xFFFFFFFFu}) {
         EXPECT_STREQ(monthAbbreviation(outside), "Jan");
+        EXPECT_STREQ(dayAbbreviation(outside - 5), "Sun");  // 7 and 0xFFFFFFFA
     }
-    for (const uint32_t outside : {7u, 100u, 0xFFFFFFFFu}) {
-        EXPECT_STREQ(dayAbbreviation(outside), "Sun");
-    }
-}
-
-TEST(Abbreviations, MonthLookupIgnoresCaseAndGivesZeroForNoMatch) {
     static const struct {
         const char* name;
         uint32_t index;
-    } kCases[] = {
+    } kLookups[] = {
         {"dec", 11}, {"DEC", 11}, {"mAy", 4},  {"Decem", 0}, {"De", 0},
         {"", 0},     {"Sun", 0},  {" Feb", 0}, {nullptr, 0},
     };
-    for (const auto& c : kCases) {
+    for (const auto& c : kLookups) {
         SCOPED_TRACE(c.name != nullptr ? c.name : "(null)");
         EXPECT_EQ(monthFromAbbreviation(c.name), c.index);
     }

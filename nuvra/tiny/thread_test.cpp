@@ -76,31 +76,28 @@ void onExit(int32_t threadId) {
     hookCalls.push_back("exit " + std::to_string(kTag) + " " + std::to_string(threadId));
 }
 
-TEST(ThreadStack, SmallSizesAreRaisedToTheMinimum) {
+using CreateThread = ThreadTest;
+
+TEST_F(CreateThread, RunsTheBodyOnAJoinableThreadWithItsStackRaisedToTheMinimum) {
     static const struct {
         uint32_t requested;
         size_t expected;
-    } kCases[] = {{1000, 16384}, {16384, 16384}, {20000, 20000}};
+    } kCases[] = {{0, 16384}, {1000, 16384}, {16384, 16384}, {20000, 20000}, {1u << 20, 1u << 20}};
     for (const auto& c : kCases) {
+        SCOPED_TRACE(c.requested);
         pthread_attr_t* attributes = internal::newThreadAttributes(c.requested);
         ASSERT_NE(attributes, nullptr);
         size_t size = 0;
         EXPECT_EQ(pthread_attr_getstacksize(attributes, &size), 0);
-        EXPECT_EQ(size, c.expected) << c.requested;
+        EXPECT_EQ(size, c.expected);
         internal::deleteThreadAttributes(attributes);
-    }
-}
 
-using CreateThread = ThreadTest;
-
-TEST_F(CreateThread, RunsTheBodyOnAJoinableThreadWhateverTheStackSize) {
-    for (const uint32_t stackSize : {0u, 1000u, 1u << 20}) {
         Probe probe;
         probe.go = true;
-        ThreadAttributes attributes("sized");
-        attributes.stackSize = stackSize;
+        ThreadAttributes named("sized");
+        named.stackSize = c.requested;
         pthread_t handle{};
-        ASSERT_TRUE(createThread(recordAndWait, &probe, &handle, attributes)) << stackSize;
+        ASSERT_TRUE(createThread(recordAndWait, &probe, &handle, named));
         EXPECT_TRUE(joinThread(handle));
         EXPECT_NE(probe.threadId, currentThreadId());
     }
