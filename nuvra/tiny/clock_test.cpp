@@ -279,16 +279,12 @@ constexpr std::time_t kNewYearsEve2023 = 1704065400;  // 2023-12-31 23:30:00 UTC
 TEST_F(TimeZone, WrappersConvertAndFormat) {
     use("EET-2");
     std::tm utc{};
-    ASSERT_EQ(gmtimeR(&kNewYearsEve2023, &utc), &utc);
-    EXPECT_EQ(utc.tm_year, 123);
-    EXPECT_EQ(utc.tm_hour, 23);
     std::tm local{};
+    ASSERT_EQ(gmtimeR(&kNewYearsEve2023, &utc), &utc);
     ASSERT_EQ(localtimeR(&kNewYearsEve2023, &local), &local);
-    EXPECT_EQ(local.tm_year, 124);
-    EXPECT_EQ(local.tm_hour, 1);
-
     char buffer[26];
     EXPECT_STREQ(asctimeR(&utc, buffer), "Sun Dec 31 23:30:00 2023\n");
+    EXPECT_STREQ(asctimeR(&local, buffer), "Mon Jan  1 01:30:00 2024\n");
     EXPECT_STREQ(ctimeR(&kNewYearsEve2023, buffer), "Mon Jan  1 01:30:00 2024\n");
 
     if constexpr (sizeof(std::time_t) > 4) {

@@ -213,44 +213,36 @@ class SigUsr2Guard : public ThreadTest {
     struct sigaction saved_ {};
 };
 
-TEST_F(SigUsr2Guard, RestoresThePreviousDispositionOnlyWhenTheLastInstallGoesAndWraps) {
-    dangerous::SigUsr2Guard guard;
+TEST_F(SigUsr2Guard, CountsInstallsRestoresOnlyWhenTheLastGoesAndWraps) {
+    using Guard = dangerous::SigUsr2Guard;
+    internal::ThreadSystemCalls failing = real_;
+    failing.setAction = [](int, const struct sigaction*, struct sigaction*) { return -1; };
+    internal::setThreadSystemCallsForTesting(failing);
+    EXPECT_FALSE(dangerous::interruptThreads({}));
     const struct {
-        bool (dangerous::SigUsr2Guard::*call)();
+        bool (Guard::*call)();
+        bool sigactionFails;
+        bool result;
         uint32_t count;
         bool ours;
-    } kSteps[] = {{&dangerous::SigUsr2Guard::install, 1, true},
-                  {&dangerous::SigUsr2Guard::install, 2, true},
-                  {&dangerous::SigUsr2Guard::uninstall, 1, true},
-                  {&dangerous::SigUsr2Guard::uninstall, 0, false},
-                  {&dangerous::SigUsr2Guard::uninstall, UINT32_MAX, false}};
+    } kSteps[] = {
+        {&Guard::install, true, false, 0, false},  // a failed sigaction keeps the count
+        {&Guard::install, false, true, 1, true},
+        {&Guard::install, false, true, 2, true},
+        {&Guard::uninstall, false, true, 1, true},
+        {&Guard::uninstall, true, false, 1, true},
+        {&Guard::uninstall, false, true, 0, false},
+        {&Guard::uninstall, false, true, UINT32_MAX, false},
+    };
+    Guard guard;
     for (const auto& step : kSteps) {
-        EXPECT_TRUE((guard.*step.call)());
+        SCOPED_TRACE(&step - kSteps);
+        internal::setThreadSystemCallsForTesting(step.sigactionFails ? failing : real_);
+        EXPECT_EQ((guard.*step.call)(), step.result);
         EXPECT_EQ(guard.installCount(), step.count);
         EXPECT_EQ(markerInstalled(), !step.ours);
     }
     internal::sigUsr2Handler(SIGUSR1);  // any other signal simply returns
-}
-
-TEST_F(SigUsr2Guard, FailedSigactionKeepsTheCount) {
-    internal::ThreadSystemCalls failing = real_;
-    failing.setAction = [](int, const struct sigaction*, struct sigaction*) { return -1; };
-    dangerous::SigUsr2Guard guard;
-    internal::setThreadSystemCallsForTesting(failing);
-    EXPECT_FALSE(guard.install());
-    EXPECT_EQ(guard.installCount(), 0u);
-    EXPECT_FALSE(dangerous::interruptThreads({}));
-
-    internal::setThreadSystemCallsForTesting(real_);
-    ASSERT_TRUE(guard.install());
-    internal::setThreadSystemCallsForTesting(failing);
-    EXPECT_FALSE(guard.uninstall());
-    EXPECT_EQ(guard.installCount(), 1u);
-    EXPECT_FALSE(markerInstalled());
-
-    internal::setThreadSystemCallsForTesting(real_);
-    EXPECT_TRUE(guard.uninstall());
-    EXPECT_TRUE(markerInstalled());
 }
 
 // Signals threads for real, which ThreadSanitizer does not support: its run leaves this suite

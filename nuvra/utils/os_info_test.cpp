@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 #include "gtest/gtest.h"
@@ -49,58 +50,54 @@ class OsInfoTest : public ::testing::Test {
     char root_[32] = "/tmp/nuvra-osinfo-XXXXXX";
 };
 
+// Distribution id, package type, version and description, separated by "|".
+std::string release(const OsInfo& info) {
+    return info.getDistributionId() + "|" + info.getPackageType() + "|" +
+           std::to_string(info.getVersionMajor()) + "." + std::to_string(info.getVersionMinor()) +
+           "." + std::to_string(info.getVersionPatch()) + "|" + info.getDescription();
+}
+
 TEST_F(OsInfoTest, RecognisesEachReleaseFile) {
     static const struct {
         const char* file;
         const char* content;
-        const char* id;
-        const char* package;
-        int major, minor, patch;
-        const char* description;
+        const char* expected;
     } kCases[] = {
-        {"fedora-release", "Fedora release 38 (Thirty Eight)\n", "FEDORA_LINUX", "PACKAGE_RPM", 38,
-         0, 0, "Fedora release 38 (Thirty Eight)"},
-        {"fedora-release", "fedora RELEASE 7.1\n", "FEDORA_LINUX", "PACKAGE_RPM", 7, 1, 0,
-         "fedora RELEASE 7.1"},
+        {"fedora-release", "Fedora release 38 (Thirty Eight)\n",
+         "FEDORA_LINUX|PACKAGE_RPM|38.0.0|Fedora release 38 (Thirty Eight)"},
+        {"fedora-release", "fedora RELEASE 7.1\n",
+         "FEDORA_LINUX|PACKAGE_RPM|7.1.0|fedora RELEASE 7.1"},
         // "." crosses line breaks; the description is the first line only.
-        {"fedora-release", "Fedora\nrelease 21\n", "FEDORA_LINUX", "PACKAGE_RPM", 21, 0, 0,
-         "Fedora"},
-        {"redhat-release", "CentOS Linux release 7.9.2009 (Core)\n", "CENTOS_LINUX", "PACKAGE_RPM",
-         7, 9, 2009, "CentOS Linux release 7.9.2009 (Core)"},
-        {"redhat-release", "CentOS release 6.5 (Final)\r\n", "CENTOS_LINUX", "PACKAGE_RPM", 6, 5, 0,
-         "CentOS release 6.5 (Final)"},
+        {"fedora-release", "Fedora\nrelease 21\n", "FEDORA_LINUX|PACKAGE_RPM|21.0.0|Fedora"},
+        {"redhat-release", "CentOS Linux release 7.9.2009 (Core)\n",
+         "CENTOS_LINUX|PACKAGE_RPM|7.9.2009|CentOS Linux release 7.9.2009 (Core)"},
+        {"redhat-release", "CentOS release 6.5 (Final)\r\n",
+         "CENTOS_LINUX|PACKAGE_RPM|6.5.0|CentOS release 6.5 (Final)"},
         {"redhat-release", "Red Hat Enterprise Linux Server release 6.10 (Santiago)",
-         "REDHAT_LINUX", "PACKAGE_RPM", 6, 10, 0,
-         "Red Hat Enterprise Linux Server release 6.10 (Santiago)"},
-        {"mandrake-release", "Mandrake Linux release 10.0 (Community) for i586\n", "MANDRAKE_LINUX",
-         "PACKAGE_RPM", 10, 0, 0, "Mandrake Linux release 10.0 (Community) for i586"},
-        {"SuSE-release", "SuSE Linux 9.1 (i586)\nVERSION = 9.1\n", "SUSE_LINUX", "PACKAGE_RPM", 9,
-         1, 0, "SuSE Linux 9.1 (i586)"},
-        {"UnitedLinux-release", "UnitedLinux 1.0 (i586)\r\nVERSION = 1.0\r\n", "UNITED_LINUX",
-         "PACKAGE_RPM", 1, 0, 0, "UnitedLinux 1.0 (i586)"},
-        {"slackware-version", "14.2.1\n", "SLACKWARE_LINUX", "PACKAGE_TGZ", 14, 2, 1, "14.2.1"},
+         "REDHAT_LINUX|PACKAGE_RPM|6.10.0|Red Hat Enterprise Linux Server release 6.10 (Santiago)"},
+        {"mandrake-release", "Mandrake Linux release 10.0 (Community) for i586\n",
+         "MANDRAKE_LINUX|PACKAGE_RPM|10.0.0|Mandrake Linux release 10.0 (Community) for i586"},
+        {"SuSE-release", "SuSE Linux 9.1 (i586)\nVERSION = 9.1\n",
+         "SUSE_LINUX|PACKAGE_RPM|9.1.0|SuSE Linux 9.1 (i586)"},
+        {"UnitedLinux-release", "UnitedLinux 1.0 (i586)\r\nVERSION = 1.0\r\n",
+         "UNITED_LINUX|PACKAGE_RPM|1.0.0|UnitedLinux 1.0 (i586)"},
+        {"slackware-version", "14.2.1\n", "SLACKWARE_LINUX|PACKAGE_TGZ|14.2.1|14.2.1"},
         {"lsb-release", "DISTRIB_ID=Ubuntu\nDISTRIB_RELEASE=16.04\nDISTRIB_CODENAME=xenial\n",
-         "UBUNTU_LINUX", "PACKAGE_DEB", 16, 4, 0, "Ubuntu 16.04"},
-        {"lsb-release", "DISTRIB_ID=Ubuntu\r\nDISTRIB_RELEASE=18\r\n", "UBUNTU_LINUX",
-         "PACKAGE_DEB", 18, 0, 0, "Ubuntu 18."},
+         "UBUNTU_LINUX|PACKAGE_DEB|16.4.0|Ubuntu 16.04"},
+        {"lsb-release", "DISTRIB_ID=Ubuntu\r\nDISTRIB_RELEASE=18\r\n",
+         "UBUNTU_LINUX|PACKAGE_DEB|18.0.0|Ubuntu 18."},
         {"lsb-release", "#generated=by hand\nDISTRIB_ID=Ubuntu\nDISTRIB_RELEASE=20.04.6\n",
-         "UBUNTU_LINUX", "PACKAGE_DEB", 20, 4, 6, "by hand 20.04"},
-        {"debian_version", "9.4\n", "DEBIAN_LINUX", "PACKAGE_DEB", 9, 4, 0, "Debian GNU/Linux 9.4"},
+         "UBUNTU_LINUX|PACKAGE_DEB|20.4.6|by hand 20.04"},
+        {"debian_version", "9.4\n", "DEBIAN_LINUX|PACKAGE_DEB|9.4.0|Debian GNU/Linux 9.4"},
         // "^" matches at any line start; a first line not starting with a digit is kept.
-        {"debian_version", "testing\n12.1\n", "DEBIAN_LINUX", "PACKAGE_DEB", 12, 1, 0, "testing"},
-        {"debian_version", "\n7\n", "DEBIAN_LINUX", "PACKAGE_DEB", 7, 0, 0, "Debian GNU/Linux "},
+        {"debian_version", "testing\n12.1\n", "DEBIAN_LINUX|PACKAGE_DEB|12.1.0|testing"},
+        {"debian_version", "\n7\n", "DEBIAN_LINUX|PACKAGE_DEB|7.0.0|Debian GNU/Linux "},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(std::string(c.file) + ": " + c.content);
         clearEtc();
         write(c.file, c.content);
-        const OsInfo info = detect();
-        EXPECT_EQ(info.getDistributionId(), c.id);
-        EXPECT_EQ(info.getPackageType(), c.package);
-        EXPECT_EQ(info.getVersionMajor(), c.major);
-        EXPECT_EQ(info.getVersionMinor(), c.minor);
-        EXPECT_EQ(info.getVersionPatch(), c.patch);
-        EXPECT_EQ(info.getDescription(), c.description);
+        EXPECT_EQ(release(detect()), c.expected);
     }
 }
 
@@ -122,12 +119,7 @@ TEST_F(OsInfoTest, FilesThatMatchNoRowKeepTheDefaults) {
         clearEtc();
         write(c.file, c.content);
         write("nuvra-vmware-va", "");  // looked for only after a match
-        const OsInfo info = detect();
-        EXPECT_EQ(info.getDescription(), "Linux");
-        EXPECT_EQ(info.getDistributionId(), "LINUX");
-        EXPECT_EQ(info.getPackageType(), "PACKAGE_OTHER");
-        EXPECT_EQ(info.getVersionMajor(), 0);
-        EXPECT_EQ(info.getVersionMinor(), 0);
+        EXPECT_EQ(release(detect()), "LINUX|PACKAGE_OTHER|0.0.0|Linux");
     }
 }
 
@@ -169,6 +161,14 @@ TEST_F(OsInfoTest, ApplianceSuffixFollowsAMatch) {
     EXPECT_EQ(detect().getDescription(), "Red Hat Enterprise Linux release 8.0 (Nuvra VA)");
 }
 
+// Platform, architecture, OS code (in hexadecimal) and kernel version, separated by "|".
+std::string unameFields(const OsInfo& info) {
+    std::ostringstream text;
+    text << info.getPlatform() << '|' << info.getArchitecture() << '|' << std::hex
+         << info.getOsCode() << '|' << info.getKernelVersion();
+    return text.str();
+}
+
 TEST_F(OsInfoTest, FillsHostFieldsAndResetsTheRecord) {
     OsInfo info;
     info.virtInfoValid = true;
@@ -192,10 +192,7 @@ TEST_F(OsInfoTest, FillsHostFieldsAndResetsTheRecord) {
     ASSERT_EQ(uname(&name), 0);
     OsInfo expected;
     internal::applyUname(expected, name.machine, name.release);
-    EXPECT_EQ(info.getPlatform(), expected.getPlatform());
-    EXPECT_EQ(info.getArchitecture(), expected.getArchitecture());
-    EXPECT_EQ(info.getOsCode(), expected.getOsCode());
-    EXPECT_EQ(info.getKernelVersion(), expected.getKernelVersion());
+    EXPECT_EQ(unameFields(info), unameFields(expected));
     EXPECT_FALSE(info.getKernelVersion().empty());
 }
 
@@ -203,27 +200,21 @@ TEST(OsInfoUname, MachineAndReleaseSetPlatformArchitectureAndKernel) {
     static const struct {
         const char* machine;
         const char* release;
-        const char* platform;
-        int architecture;
-        uint32_t osCode;
-        const char* kernel;
+        const char* expected;
     } kCases[] = {
-        {"i686", "2.6.32-754.el6.i686", "LINUX.X86", 0, 0x40, "2.6.32"},
-        {"i386", "3.2.1.4", "LINUX.X86", 0, 0x40, "3.2.1"},
-        {"x86_64", "6.1.0-13-amd64", "LINUX.X64", 2, 0x4000, "6.1.0"},
-        {"x86_64x", "5.4", "LINUX.X86", 0, 0x40, "5.4"},  // only exactly x86_64 is 64-bit
-        {"ppc64", "4-generic", "LINUX.PPC", 1, 0x40, "4"},
-        {"aarch64", "abc", "LINUX.PPC", 1, 0x40, ""},
-        {"armv7l", "", "LINUX.PPC", 1, 0x40, ""},
+        {"i686", "2.6.32-754.el6.i686", "LINUX.X86|0|40|2.6.32"},
+        {"i386", "3.2.1.4", "LINUX.X86|0|40|3.2.1"},
+        {"x86_64", "6.1.0-13-amd64", "LINUX.X64|2|4000|6.1.0"},
+        {"x86_64x", "5.4", "LINUX.X86|0|40|5.4"},  // only exactly x86_64 is 64-bit
+        {"ppc64", "4-generic", "LINUX.PPC|1|40|4"},
+        {"aarch64", "abc", "LINUX.PPC|1|40|"},
+        {"armv7l", "", "LINUX.PPC|1|40|"},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(std::string(c.machine) + " " + c.release);
         OsInfo info;
         internal::applyUname(info, c.machine, c.release);
-        EXPECT_EQ(info.getPlatform(), c.platform);
-        EXPECT_EQ(info.getArchitecture(), c.architecture);
-        EXPECT_EQ(info.getOsCode(), c.osCode);
-        EXPECT_EQ(info.getKernelVersion(), c.kernel);
+        EXPECT_EQ(unameFields(info), c.expected);
     }
 }
 
@@ -234,7 +225,7 @@ TEST_F(OsInfoTest, SearchAndMatchReleaseFile) {
     std::string three = "x";
     std::string description = "untouched";
     EXPECT_FALSE(searchReleaseFile(path, "nothing (\\d+)", one, two, three, description));
-    EXPECT_EQ(one + two + three, "");
+    EXPECT_EQ(one + two + three, "");  // cleared even so
     EXPECT_EQ(description, "untouched");
     EXPECT_FALSE(searchReleaseFile(path, "(", one, two, three, description));
     EXPECT_FALSE(searchReleaseFile(path + ".missing", ".*", one, two, three, description));
@@ -242,9 +233,7 @@ TEST_F(OsInfoTest, SearchAndMatchReleaseFile) {
 
     ASSERT_TRUE(
         searchReleaseFile(path, "name (\\d+)\\.(\\d*)\\.(\\d+)", one, two, three, description));
-    EXPECT_EQ(one, "4");
-    EXPECT_EQ(two, "");
-    EXPECT_EQ(three, "7");
+    EXPECT_EQ(one + "|" + two + "|" + three, "4||7");
     EXPECT_EQ(description, "Name 4..7");
 
     // An empty capture leaves its number as it was.
@@ -252,9 +241,7 @@ TEST_F(OsInfoTest, SearchAndMatchReleaseFile) {
     int minor = 2;
     int patch = 3;
     ASSERT_TRUE(matchReleaseFile(path, "^second (\\d+)(x)?", major, minor, patch, description));
-    EXPECT_EQ(major, 8);
-    EXPECT_EQ(minor, 2);
-    EXPECT_EQ(patch, 3);
+    EXPECT_EQ(std::to_string(major) + std::to_string(minor) + std::to_string(patch), "823");
 }
 
 }  // namespace
