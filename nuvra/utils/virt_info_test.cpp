@@ -62,22 +62,15 @@ class VirtProbe : public ::testing::Test {
     std::string log_;
 };
 
-TEST(VirtualizationText, CoversEveryCode) {
-    static const char* const kTexts[] = {"Native OS",
-                                         "Unknown virtual machine",
-                                         "VmWare (unknown version)",
-                                         "VmWare Express",
-                                         "VmWare Workstation",
-                                         "VmWare ESX",
-                                         "VmWare GSX",
-                                         "Parallels",
-                                         "Virtualization undetected"};
-    for (int code = 0; code <= 8; ++code) {
-        EXPECT_STREQ(virtualizationText(code), kTexts[code]) << code;
+TEST(VirtualizationText, CoversEveryCodeAndGivesNativeForAnyOther) {
+    std::string texts;
+    for (int code = -1; code <= 9; ++code) {
+        texts.append(virtualizationText(code)).append("|");
     }
-    EXPECT_STREQ(virtualizationText(9), "Native OS");
-    EXPECT_STREQ(virtualizationText(-1), "Native OS");
-    EXPECT_STREQ(virtualizationText(71), "Native OS");
+    EXPECT_EQ(texts,
+              "Native OS|Native OS|Unknown virtual machine|VmWare (unknown version)|VmWare Express|"
+              "VmWare Workstation|VmWare ESX|VmWare GSX|Parallels|Virtualization undetected|"
+              "Native OS|");
 }
 
 TEST_F(VirtProbe, ExitCodesDecideTheFamilyAndDetectionStopsAtTheFirstFailure) {
