@@ -28,8 +28,7 @@ using ::testing::ThrowsMessage;
 constexpr char kCanary = '#';
 constexpr uint8_t kByteCanary = 0x23;
 
-// A buffer larger than any size the tests hand out, filled with kCanary so that stray
-// writes show.
+// Larger than any size the tests hand out, filled with kCanary so that stray writes show.
 struct Canvas {
     Canvas() { bytes.fill(kCanary); }
     char* data() { return bytes.data(); }
@@ -59,18 +58,20 @@ __attribute__((format(printf, 3, 4))) int viaFormatBoundedV(char* buf, size_t si
     return length;
 }
 
+// What a bounded function gives for a size: the text and the count.
+struct SizeCase {
+    size_t size;
+    const char* text;
+    int result;
+};
+
 TEST(FormatBounded, CutsAtSizeMinusOneAndTerminates) {
-    static const struct {
-        size_t size;
-        const char* text;
-        int result;
-    } kCases[] = {{0, "", 0},
-                  {1, "", 0},
-                  {2, "a", 1},
-                  {5, "abcd", 4},
-                  {10, "abcdefghi", 9},
-                  {11, "abcdefghij", 10},
-                  {40, "abcdefghij", 10}};
+    static const SizeCase kCases[] = {{0, "", 0},
+                                      {1, "", 0},
+                                      {2, "a", 1},
+                                      {10, "abcdefghi", 9},
+                                      {11, "abcdefghij", 10},
+                                      {40, "abcdefghij", 10}};
     for (auto* format : {&formatBounded, &viaFormatBoundedV}) {
         for (const auto& c : kCases) {
             SCOPED_TRACE(c.size);
@@ -85,7 +86,6 @@ TEST(FormatBounded, CutsAtSizeMinusOneAndTerminates) {
 TEST(FormatBounded, CountsFromHugeSizesStayBelowIntMax) {
     constexpr size_t kTwoGiB = size_t{1} << 31;
     constexpr size_t kMapped = kTwoGiB + 4096;
-    // Only address space is reserved: the pages written are all that get memory.
     void* mapped = mmap(nullptr, kMapped, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (mapped == MAP_FAILED) {
@@ -94,36 +94,26 @@ TEST(FormatBounded, CountsFromHugeSizesStayBelowIntMax) {
     char* buf = static_cast<char*>(mapped);
     // A lone surrogate cannot be converted in any locale, so vsnprintf fails.
     static const wchar_t kUnconvertible[] = {0xd800, 0};
-    static const struct {
-        size_t size;
-        int result;
-    } kCases[] = {{kTwoGiB - 2, 0x7ffffffd},
-                  {kTwoGiB - 1, 0x7ffffffe},
-                  {kTwoGiB, 0x7ffffffe},
-                  {kMapped, 0x7ffffffe}};
-    for (const auto& c : kCases) {
-        SCOPED_TRACE(c.size);
+    for (const size_t size : {kTwoGiB - 2, kTwoGiB - 1, kTwoGiB, kMapped}) {
+        SCOPED_TRACE(size);
+        const int result = size == kTwoGiB - 2 ? 0x7ffffffd : 0x7ffffffe;
         // Byte by byte: on a 32-bit target the compiler takes an offset of 2 GiB as being past
         // the largest possible object and rejects a memset there.
         for (size_t i = kTwoGiB - 4; i < kTwoGiB + 4; ++i) {
             buf[i] = kCanary;
         }
-        EXPECT_EQ(formatBounded(buf, c.size, "%ls", kUnconvertible), c.result);
-        EXPECT_EQ(buf[c.result], '\0');
-        EXPECT_EQ(buf[c.result + 1], kCanary);
+        EXPECT_EQ(formatBounded(buf, size, "%ls", kUnconvertible), result);
+        EXPECT_EQ(buf[result], '\0');
+        EXPECT_EQ(buf[result + 1], kCanary);
     }
     munmap(mapped, kMapped);
 }
 
 TEST(AppendFormatBounded, AppendsWithinSize) {
     // "ab" is in place (cut to the size), "cdef" is appended.
-    static const struct {
-        size_t size;
-        const char* text;
-        int result;
-    } kCases[] = {{0, "", 0},       {1, "", 0},       {2, "a", 1},  // no terminator within size
-                  {3, "ab", 2},     {4, "abc", 3},    {6, "abcde", 5},
-                  {7, "abcdef", 6}, {40, "abcdef", 6}};
+    static const SizeCase kCases[] = {{0, "", 0},       {1, "", 0},      {2, "a", 1},
+                                      {3, "ab", 2},     {6, "abcde", 5}, {7, "abcdef", 6},
+                                      {40, "abcdef", 6}};
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.size);
         Canvas canvas;
@@ -134,18 +124,14 @@ TEST(AppendFormatBounded, AppendsWithinSize) {
 }
 
 TEST(AppendFormat, AppendsResultsOfAnyLength) {
-    for (const size_t length : {0, 1, 4095, 4096, 4097, 10000}) {
+    // The buffer starts at 4096 bytes; a retry after growing reads the arguments afresh.
+    for (const size_t length : {0, 4091, 4092, 10000}) {
         SCOPED_TRACE(length);
         const std::string text(length, 'x');
         std::string out = "kept:";
-        appendFormat(out, "%s", text.c_str());
-        EXPECT_EQ(out, "kept:" + text);
+        appendFormat(out, "%d|%s|%d", 1, text.c_str(), 2);
+        EXPECT_EQ(out, "kept:1|" + text + "|2");
     }
-    // A retry after growing must read the arguments from the start again.
-    const std::string longText(5000, 'y');
-    std::string out;
-    appendFormat(out, "%d|%s|%d", 1, longText.c_str(), 2);
-    EXPECT_EQ(out, "1|" + longText + "|2");
 }
 
 TEST(FormatByteSize, SwitchesUnitsAboveEachThreshold) {
@@ -159,11 +145,9 @@ TEST(FormatByteSize, SwitchesUnitsAboveEachThreshold) {
                   {1048577, "1.00 MB"},
                   {1073741824, "1024.00 MB"},
                   {1073741825, "1.00 GB"},
-                  {5000000000, "4.66 GB"},
                   {INT64_MAX, "8589934592.00 GB"},
                   {-1, "-1 B"},
                   {-5000, "-4.88 kB"},
-                  {-1073741825, "-1.00 GB"},
                   {INT64_MIN, "-0 B"}};
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.text);
@@ -171,7 +155,7 @@ TEST(FormatByteSize, SwitchesUnitsAboveEachThreshold) {
         EXPECT_EQ(formatByteSize(canvas.data(), 40, c.bytes), static_cast<int>(strlen(c.text)));
         expectBoundedText(canvas, 40, c.text);
     }
-    for (const int size : {-1, 0, 1, 4}) {
+    for (const int size : {-1, 0, 1, 4, 8, 9}) {
         SCOPED_TRACE(size);
         Canvas canvas;
         const std::string expected = std::string("-4.88 kB").substr(0, std::max(size - 1, 0));
@@ -185,10 +169,7 @@ TEST(FormatDuration, AddsDaysFromOneDayOn) {
         uint32_t seconds;
         const char* text;
     } kCases[] = {{0, "00:00:00"},
-                  {59, "00:00:59"},
-                  {3661, "01:01:01"},
                   {86399, "23:59:59"},
-                  {86400, "1 day 00:00:00"},
                   {90061, "1 day 01:01:01"},
                   {172861, "2 days 00:01:01"},
                   {UINT32_MAX, "49710 days 06:28:15"}};
@@ -200,43 +181,31 @@ TEST(FormatDuration, AddsDaysFromOneDayOn) {
     }
 }
 
+// Port 258 is 0x0102; the longest texts just fit the documented sizes.
 TEST(FormatIPv4, PrintsBytesInMemoryOrder) {
     static const struct {
-        std::array<uint8_t, 4> bytes;
+        uint8_t bytes[4];
         uint16_t port;
-        const char* address;
-        const char* addressAndPort;
-    } kCases[] = {{{192, 168, 1, 2}, 8080, "192.168.1.2", "192.168.1.2:8080"},
-                  {{10, 0, 0, 1}, 258, "10.0.0.1", "10.0.0.1:258"},
-                  {{0, 0, 0, 0}, 0, "0.0.0.0", "0.0.0.0:0"},
-                  {{255, 255, 255, 255}, 65535, "255.255.255.255", "255.255.255.255:65535"}};
+        std::string text;
+    } kCases[] = {{{192, 168, 1, 2}, 258, "192.168.1.2:258"},
+                  {{255, 255, 255, 255}, 65535, "255.255.255.255:65535"}};
     for (const auto& c : kCases) {
-        SCOPED_TRACE(c.addressAndPort);
         uint32_t address = 0;
-        std::memcpy(&address, c.bytes.data(), sizeof(address));
+        std::memcpy(&address, c.bytes, sizeof(address));
         Canvas plain;
         EXPECT_EQ(formatIPv4(plain.data(), address), plain.data());
-        expectBoundedText(plain, kIPv4TextSize, c.address);
+        expectBoundedText(plain, kIPv4TextSize, c.text.substr(0, c.text.find(':')));
         Canvas withPort;
         EXPECT_EQ(formatIPv4Port(withPort.data(), address, htons(c.port)), withPort.data());
-        expectBoundedText(withPort, kIPv4PortTextSize, c.addressAndPort);
+        expectBoundedText(withPort, kIPv4PortTextSize, c.text);
     }
 }
 
 std::string printfText(unsigned base, uint64_t value) {
     char text[32];
-    int length = 0;
-    switch (base) {
-        case 8:
-            length = std::snprintf(text, sizeof(text), "%" PRIo64, value);
-            break;
-        case 10:
-            length = std::snprintf(text, sizeof(text), "%" PRIu64, value);
-            break;
-        default:
-            length = std::snprintf(text, sizeof(text), "%" PRIx64, value);
-            break;
-    }
+    const int length = base == 8    ? std::snprintf(text, sizeof text, "%" PRIo64, value)
+                       : base == 10 ? std::snprintf(text, sizeof text, "%" PRIu64, value)
+                                    : std::snprintf(text, sizeof text, "%" PRIx64, value);
     return {text, static_cast<size_t>(length)};
 }
 
@@ -244,8 +213,7 @@ TEST(UInt64ToText, AgreesWithPrintfAndKeepsLowDigitsWhenBounded) {
     std::mt19937_64 random(0x6e75767261);
     std::vector<uint64_t> values = {0, 1, UINT64_MAX};
     for (int i = 0; i < 3000; ++i) {
-        // A random shift mixes short numbers in with long ones.
-        values.push_back(random() >> (random() % 64));
+        values.push_back(random() >> (random() % 64));  // short numbers as well as long ones
     }
     for (const uint64_t value : values) {
         for (const unsigned base : {8u, 10u, 16u}) {
@@ -254,7 +222,9 @@ TEST(UInt64ToText, AgreesWithPrintfAndKeepsLowDigitsWhenBounded) {
             Canvas canvas;
             EXPECT_EQ(uint64ToText(value, canvas.data(), base), canvas.data());
             expectBoundedText(canvas, kUInt64TextSize, expected);
-
+            if (base == 8 && value <= ULONG_MAX) {
+                EXPECT_EQ(toOctalString(static_cast<unsigned long>(value)), expected);
+            }
             const size_t size = 2 + random() % (expected.size() + 1);
             const std::string kept =
                 expected.substr(expected.size() - std::min(size - 1, expected.size()));
@@ -274,8 +244,8 @@ TEST(UInt64ToText, BoundedSizeEdges) {
         const char* text;
         int result;
     } kCases[] = {{123456, 10, 0, "", -1},      {123456, 10, 1, "", 0},
-                  {123456, 10, 4, "456", 3},    {123456, 10, 7, "123456", 6},
-                  {0, 10, 2, "0", 1},           {UINT64_MAX, 36, 14, "3w5e11264sgsf", 13},
+                  {123456, 10, 4, "456", 3},    {123456, 10, 6, "23456", 5},
+                  {123456, 10, 7, "123456", 6}, {UINT64_MAX, 36, 14, "3w5e11264sgsf", 13},
                   {UINT64_MAX, 2, 5, "1111", 4}};
     for (const auto& c : kCases) {
         SCOPED_TRACE(testing::Message() << c.value << " size " << c.size);
@@ -287,42 +257,20 @@ TEST(UInt64ToText, BoundedSizeEdges) {
     EXPECT_EQ(uint64ToText(UINT64_MAX, binary, 2), std::string(64, '1'));
 }
 
-TEST(ToOctalString, MatchesPrintf) {
-    for (const unsigned long value : {0ul, 7ul, 8ul, 0755ul, ULONG_MAX}) {
-        EXPECT_EQ(toOctalString(value), printfText(8, value));
-    }
-}
-
-std::array<uint8_t, 8> memoryBytes(uint64_t value) {
-    std::array<uint8_t, 8> bytes{};
-    std::memcpy(bytes.data(), &value, sizeof(value));
-    return bytes;
-}
-
 TEST(ByteSwap64, ReversesTheBytesUnderBothNames) {
-    EXPECT_EQ(byteSwap64(0x0102030405060708), 0x0807060504030201u);
+    EXPECT_EQ(byteSwap64(0xf0e1d2c3b4a59687), 0x8796a5b4c3d2e1f0);
+    EXPECT_EQ(hostToNetwork64(0xf0e1d2c3b4a59687), 0x8796a5b4c3d2e1f0);
     // Network order puts the most significant byte first in memory.
-    EXPECT_EQ(memoryBytes(hostToNetwork64(0x0102030405060708)),
-              (std::array<uint8_t, 8>{1, 2, 3, 4, 5, 6, 7, 8}));
-    std::mt19937_64 random(64);
-    for (int i = 0; i < 1000; ++i) {
-        const uint64_t value = random();
-        auto reversed = memoryBytes(value);
-        std::reverse(reversed.begin(), reversed.end());
-        EXPECT_EQ(memoryBytes(byteSwap64(value)), reversed);
-        EXPECT_EQ(hostToNetwork64(value), byteSwap64(value));
-    }
+    const uint64_t network = hostToNetwork64(0x0102030405060708);
+    EXPECT_EQ(std::memcmp(&network, "\x01\x02\x03\x04\x05\x06\x07\x08", 8), 0);
 }
 
-TEST(Hex, KnownTexts) {
+TEST(Hex, KnownTextsAndDigitValues) {
     EXPECT_EQ(toHex(std::string("\x00\xff\x10", 3)), "00ff10");
     EXPECT_EQ(fromHex("00FF10"), std::string("\x00\xff\x10", 3));
     EXPECT_EQ(fromHex("aBc"), "\xab");  // the unpaired final character is ignored
     // Characters that are not digits count as -1; the byte wraps.
     EXPECT_EQ(fromHex("g00gggx7"), "\xf0\xff\xef\xf7");
-}
-
-TEST(Hex, DigitValuesOfEveryCharacter) {
     for (int c = CHAR_MIN; c <= CHAR_MAX; ++c) {
         SCOPED_TRACE(c);
         const char text[] = {static_cast<char>(c), '\0'};
@@ -335,27 +283,20 @@ TEST(Hex, DigitValuesOfEveryCharacter) {
     }
 }
 
-std::string printfHex(const std::string& bytes) {
-    std::string hex(2 * bytes.size() + 1, '\0');
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        const unsigned byte = static_cast<uint8_t>(bytes[i]);
-        if (std::snprintf(&hex[2 * i], 3, "%02x", byte) != 2) {
-            return "snprintf failed";
-        }
-    }
-    hex.pop_back();
-    return hex;
-}
-
-TEST(Hex, CodecsAgreeAndRoundTrip) {
+TEST(Hex, CodecsAgreeWithPrintfAndRoundTrip) {
     std::mt19937_64 random(16);
     for (size_t length = 0; length < 300; ++length) {
         SCOPED_TRACE(length);
         std::string bytes(length, '\0');
-        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
-        const auto* raw = reinterpret_cast<const uint8_t*>(bytes.data());
+        std::string printed;
+        for (char& byte : bytes) {
+            byte = static_cast<char>(random());
+            char two[3];
+            (void)std::snprintf(two, sizeof two, "%02x", static_cast<unsigned>(byte & 0xff));
+            printed += two;
+        }
         const std::string hex = toHex(bytes);
-        EXPECT_EQ(hex, printfHex(bytes));
+        EXPECT_EQ(hex, printed);
         std::string upper = hex;
         std::transform(upper.begin(), upper.end(), upper.begin(),
                        [](char c) { return static_cast<char>(std::toupper(c)); });
@@ -364,7 +305,7 @@ TEST(Hex, CodecsAgreeAndRoundTrip) {
 
         // The raw codecs write exactly their output and nothing after it.
         std::vector<char> encoded(2 * length + 1, kCanary);
-        encodeHex(encoded.data(), raw, length);
+        encodeHex(encoded.data(), reinterpret_cast<const uint8_t*>(bytes.data()), length);
         EXPECT_EQ(std::string(encoded.data(), 2 * length), hex);
         EXPECT_EQ(encoded.back(), kCanary);
         std::vector<uint8_t> decoded(length + 1, kByteCanary);

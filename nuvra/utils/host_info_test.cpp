@@ -4,7 +4,6 @@
 #include <sched.h>
 #include <spawn.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,75 +32,50 @@ using internal::IsolatedResult;
 using internal::runIsolated;
 
 // A directory of the test's own, removed with what it holds.
-class TempDir {
-  public:
-    TempDir() {
-        char pattern[] = "/tmp/nuvra_host_info_XXXXXX";
-        path_ = mkdtemp(pattern) != nullptr ? pattern : "";
-    }
+struct TempDir {
+    TempDir() : path(mkdtemp(pattern) != nullptr ? pattern : "") {}
     ~TempDir() {
         std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
+        std::filesystem::remove_all(path, ignored);
     }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
-
-    const std::string& path() const { return path_; }
     std::string write(const std::string& name, const std::string& content) const {
-        std::string file = path_ + "/" + name;
-        std::ofstream(file) << content;
-        return file;
+        std::ofstream(path + "/" + name) << content;
+        return path + "/" + name;
     }
-
-  private:
-    std::string path_;
+    char pattern[28] = "/tmp/nuvra_host_info_XXXXXX";
+    std::string path;
 };
-
-// ---- total memory ----
 
 TEST(TotalMemoryTest, ReadsTheMemTotalLineInItsUnit) {
     const TempDir dir;
     const struct {
-        const char* content;
-        int64_t bytes;
+        std::string content;
+        int64_t bytes;  // 0: no figure found, and false
     } cases[] = {
         {"MemTotal:       16384256 kB\nMemFree: 1 kB\n", int64_t{16384256} * 1024},
         {"MemTotal: 1000\n", 1000},
         {"MemTotal:1000", 1000},
         {"MemTotal:\t 2 MB\n", int64_t{2} << 20},
         {"MemTotal: 3 g\n", int64_t{3} << 30},
-        {"MemTotal: 5 m\n", int64_t{5} << 20},
         {"MemTotal: 7 bytes\n", 7},
         {"MemFree: 9 kB\nBuffers: 1 kB\nMemTotal: 8 K\n", 8192},
         {"  MemTotal: 4 kB\n", 4096},
         {"MemTotal: 8589934592 G\n", INT64_MAX},
+        {"MemFree: 9 kB\nmemtotal: 1 kB\n", 0},
+        {"", 0},
+        {std::string(200, 'x') + "\nMemTotal: 1\n", 0},  // a line past 127 characters ends it
     };
     for (const auto& c : cases) {
         const std::string path = dir.write("meminfo", c.content);
         int64_t bytes = -1;
-        EXPECT_TRUE(internal::getTotalMemoryFrom(path.c_str(), &bytes)) << c.content;
+        EXPECT_EQ(internal::getTotalMemoryFrom(path.c_str(), &bytes), c.bytes != 0) << c.content;
         EXPECT_EQ(bytes, c.bytes) << c.content;
     }
-}
-
-TEST(TotalMemoryTest, FailsWithZeroWithoutAMemTotalLine) {
-    const TempDir dir;
-    const std::string longLine(200, 'x');
-    const struct {
-        const char* what;
-        std::string path;
-    } cases[] = {
-        {"no such line", dir.write("a", "MemFree: 9 kB\nmemtotal: 1 kB\n")},
-        {"empty file", dir.write("b", "")},
-        {"a line past 127 characters ends the search",
-         dir.write("c", longLine + "\nMemTotal: 1\n")},
-        {"missing file", dir.path() + "/missing"},
-    };
-    for (const auto& c : cases) {
-        int64_t bytes = -1;
-        EXPECT_FALSE(internal::getTotalMemoryFrom(c.path.c_str(), &bytes)) << c.what;
-        EXPECT_EQ(bytes, 0) << c.what;
-    }
+    int64_t bytes = -1;
+    EXPECT_FALSE(internal::getTotalMemoryFrom((dir.path + "/missing").c_str(), &bytes));
+    EXPECT_EQ(bytes, 0);
     EXPECT_FALSE(getTotalMemory(nullptr));
 }
 
@@ -111,20 +85,15 @@ TEST(TotalMemoryTest, MatchesTheKernelsMemTotalLine) {
     // Read plainly rather than through sysconf or sysinfo: a 32-bit C library, and qemu-user
     // for a 32-bit program, give the total in a 32-bit word that wraps past 4 GiB.
     std::ifstream meminfo("/proc/meminfo");
-    std::string line;
     int64_t kib = -1;
-    const std::string head = "MemTotal:";
-    while (std::getline(meminfo, line)) {
-        if (line.compare(0, head.size(), head) == 0) {
-            kib = std::strtoll(line.c_str() + head.size(), nullptr, 10);  // "...  25678 kB"
-            break;
+    for (std::string line; kib < 0 && std::getline(meminfo, line);) {
+        if (line.rfind("MemTotal:", 0) == 0) {
+            kib = std::strtoll(line.c_str() + 9, nullptr, 10);  // "MemTotal:  25678 kB"
         }
     }
     ASSERT_GT(kib, 0);
     EXPECT_EQ(bytes, kib * 1024);
 }
-
-// ---- locale ----
 
 TEST(LocaleTest, SplitsTheLocaleNameIntoLanguageAndTerritory) {
     const struct {
@@ -134,172 +103,133 @@ TEST(LocaleTest, SplitsTheLocaleNameIntoLanguageAndTerritory) {
     } cases[] = {
         {"de_AT.UTF-8", "de", "AT"},
         {"fr", "fr", ""},
-        {"en_US@euro", "en", "US"},
         {"sr_RS.UTF-8@latin", "sr", "RS"},
         {"C.UTF-8", "C", ""},
-        {"de.UTF-8", "de", ""},
         {"languagelong_TERRITORYLONG", "language", "TERRITOR"},
-        {"C", "", ""},
         {"POSIX", "", ""},
         {nullptr, "", ""},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.name != nullptr ? c.name : "(null)");
         OsInfo info;
         std::strcpy(info.territory, "old");
         std::strcpy(info.defaultLanguage, "old");
         internal::setLocaleFields(info, c.name);
-        const char* label = c.name != nullptr ? c.name : "(null)";
-        EXPECT_STREQ(info.getLanguage(), c.language) << label;
-        EXPECT_STREQ(info.getTerritory(), c.territory) << label;
-        EXPECT_STREQ(info.getDefaultLanguage(), c.language) << label;
-        EXPECT_STREQ(info.getDefaultTerritory(), c.territory) << label;
+        EXPECT_STREQ(info.getLanguage(), c.language);
+        EXPECT_STREQ(info.getTerritory(), c.territory);
+        EXPECT_STREQ(info.getDefaultLanguage(), c.language);
+        EXPECT_STREQ(info.getDefaultTerritory(), c.territory);
     }
 }
 
 // Each case runs in a child of its own, so the environment and locale it sets go with it.
 TEST(LocaleTest, ReadsTheEnvironmentAndRestoresTheLocale) {
-    const struct {
+    static const struct {
         const char* lcAll;
-        const char* language;
-    } cases[] = {
-        {"C", ""},
-        {"POSIX", ""},
-        {"C.UTF-8", "C"},
-        {"xx_YY.no-such-locale", ""},
-    };
-    for (const auto& c : cases) {
-        const IsolatedResult result = runIsolated(0, [&c] {
+        const char* expected;  // language|territory|default language|locale afterwards
+    } kCases[] = {{"C", "|||C.UTF-8"},
+                  {"POSIX", "|||C.UTF-8"},
+                  {"C.UTF-8", "C||C|C.UTF-8"},
+                  {"xx_YY.no-such-locale", "|||C.UTF-8"}};
+    for (const auto& c : kCases) {
+        const char* lcAll = c.lcAll;
+        const IsolatedResult result = runIsolated(0, [lcAll] {
             if (std::setlocale(LC_ALL, "C.UTF-8") == nullptr) {
                 return std::string("C.UTF-8 is not installed");
             }
-            setenv("LC_ALL", c.lcAll, 1);
+            setenv("LC_ALL", lcAll, 1);
             OsInfo info;
             readLocale(info);
             return std::string(info.getLanguage()) + "|" + info.getTerritory() + "|" +
                    info.getDefaultLanguage() + "|" + std::setlocale(LC_ALL, nullptr);
         });
         ASSERT_TRUE(result.isolated) << result.output;
-        EXPECT_EQ(result.output, std::string(c.language) + "||" + c.language + "|C.UTF-8")
-            << c.lcAll;
+        EXPECT_EQ(result.output, c.expected) << lcAll;
     }
 }
 
-// ---- disk space ----
-
-TEST(DiskSpaceTest, ReportsTheRootFileSystem) {
+// How the sizes of the root file system relate.
+std::string rootSpace() {
     int64_t available = -1;
     int64_t total = -1;
     int64_t free = -1;
-    ASSERT_TRUE(getDiskSpace("/", available, total, free));
-    EXPECT_GT(total, 0);
-    EXPECT_LE(free, total);
-    if (getuid() == 0) {
-        EXPECT_EQ(available, free) << "root may use the reserved blocks";
+    if (!getDiskSpace("/", available, total, free)) {
+        return "failed";
     }
-    EXPECT_LE(available, free);
+    if (total <= 0 || free > total || available > free) {
+        return "out of order";
+    }
+    return available == free ? "all free" : "reserved";
 }
 
-TEST(DiskSpaceTest, OrdinaryUserSeesNoMoreThanTheFreeSpace) {
-    const IsolatedResult result = runIsolated(0, [] {
-        if (getuid() == 0 && setuid(65534) != 0) {
-            return std::string("setuid failed");
-        }
-        int64_t available = -1;
-        int64_t total = -1;
-        int64_t free = -1;
-        if (!getDiskSpace("/", available, total, free)) {
-            return std::string("failed");
-        }
-        return std::string(available <= free && free <= total ? "ok" : "sizes out of order");
+// Root may use the reserved blocks, others not; a failure leaves the outputs alone.
+TEST(DiskSpaceTest, ReportsTheRootFileSystem) {
+    const std::string own = rootSpace();
+    EXPECT_TRUE(own == "all free" || (getuid() != 0 && own == "reserved")) << own;
+    const IsolatedResult nobody = runIsolated(0, [] {
+        return getuid() == 0 && setuid(65534) != 0 ? std::string("setuid failed") : rootSpace();
     });
-    ASSERT_TRUE(result.isolated) << result.output;
-    EXPECT_EQ(result.output, "ok");
-}
-
-TEST(DiskSpaceTest, FailureLeavesTheOutputsAlone) {
+    ASSERT_TRUE(nobody.isolated) << nobody.output;
+    EXPECT_TRUE(nobody.output == "all free" || nobody.output == "reserved") << nobody.output;
     int64_t available = 11;
     int64_t total = 22;
     int64_t free = 33;
     EXPECT_FALSE(getDiskSpace("/no/such/path/here", available, total, free));
-    EXPECT_EQ(available, 11);
-    EXPECT_EQ(total, 22);
-    EXPECT_EQ(free, 33);
+    EXPECT_TRUE(available == 11 && total == 22 && free == 33);
 }
 
-// ---- file-system type ----
-
-// Looks up each path with `table` in place of /etc/fstab, in a private mount namespace,
-// from the working directory `cwd`. Gives "path=type;" per path, "path=-;" for false.
-IsolatedResult typesWithTable(const std::string& tableFile, const std::string& cwd,
-                              const std::vector<std::string>& paths) {
-    return runIsolated(CLONE_NEWNS, [&] {
-        endfsent();  // Drop a table a former call may have left open.
-        if (mount(tableFile.c_str(), "/etc/fstab", nullptr, MS_BIND, nullptr) != 0) {
-            return std::string("bind mount: ") + std::strerror(errno);
-        }
-        if (chdir(cwd.c_str()) != 0) {
-            return std::string("chdir: ") + std::strerror(errno);
-        }
-        std::string out;
-        for (const std::string& path : paths) {
-            std::string type = "-";
-            (void)getFileSystemType(path.c_str(), type);
-            out.append(path).append("=").append(type).append(";");
-        }
-        return out;
-    });
-}
-
+// Each path looked up with a table of the test's own in place of /etc/fstab, in a private
+// mount namespace, from the test's directory: "path=type;" per path, "path=-;" for false.
 TEST(FileSystemTypeTest, TakesTheNearestEntryUpThePath) {
     const TempDir dir;
-    const std::string table =
-        dir.write("fstab",
-                  "# test table\n/dev/sda1 / ext4 defaults 0 1\n/dev/sda2 /home xfs defaults 0 2\n"
-                  "/dev/sda3 " +
-                      dir.path() + " btrfs defaults 0 2\n");
-    const IsolatedResult result =
-        typesWithTable(table, dir.path(),
-                       {"/home/user/file", "/home", "/homework/x", "/", "/usr/bin/env", "sub/file",
-                        ".", dir.path() + "/a/b"});
-    if (!result.isolated) {
-        GTEST_SKIP() << "no private mount namespace for a table of our own: " << result.output;
+    const struct {
+        std::string table;
+        std::vector<std::string> paths;
+        std::string expected;
+    } cases[] = {
+        {"# test table\n/dev/sda1 / ext4 defaults 0 1\n/dev/sda2 /home xfs defaults 0 2\n"
+         "/dev/sda3 " +
+             dir.path + " btrfs defaults 0 2\n",
+         {"/home/user/file", "/home", "/homework/x", "/", "sub/file", ".", dir.path + "/a/b"},
+         "/home/user/file=xfs;/home=xfs;/homework/x=ext4;/=ext4;sub/file=btrfs;.=btrfs;" +
+             dir.path + "/a/b=btrfs;"},
+        {"/dev/sda2 /home xfs defaults 0 2\n",
+         {"/home/u", "/usr/bin", "/", "sub"},
+         "/home/u=xfs;/usr/bin=-;/=-;sub=-;"},
+    };
+    for (const auto& c : cases) {
+        const std::string table = dir.write("fstab", c.table);
+        const IsolatedResult result = runIsolated(CLONE_NEWNS, [&] {
+            endfsent();  // Drop a table a former call may have left open.
+            if (mount(table.c_str(), "/etc/fstab", nullptr, MS_BIND, nullptr) != 0) {
+                return std::string("bind mount: ") + std::strerror(errno);
+            }
+            if (chdir(dir.path.c_str()) != 0) {
+                return std::string("chdir: ") + std::strerror(errno);
+            }
+            std::string out;
+            for (const std::string& path : c.paths) {
+                std::string type = "-";
+                (void)getFileSystemType(path.c_str(), type);
+                out.append(path).append("=").append(type).append(";");
+            }
+            return out;
+        });
+        if (!result.isolated) {
+            GTEST_SKIP() << "no private mount namespace for a table of our own: " << result.output;
+        }
+        EXPECT_EQ(result.output, c.expected);
     }
-    EXPECT_EQ(result.output,
-              "/home/user/file=xfs;/home=xfs;/homework/x=ext4;/=ext4;"
-              "/usr/bin/env=ext4;sub/file=btrfs;.=btrfs;" +
-                  dir.path() + "/a/b=btrfs;");
-}
-
-TEST(FileSystemTypeTest, FailsWhenNoEntryHoldsThePath) {
-    const TempDir dir;
-    const std::string table = dir.write("fstab", "/dev/sda2 /home xfs defaults 0 2\n");
-    const IsolatedResult result = typesWithTable(table, "/", {"/home/u", "/usr/bin", "/", "etc"});
-    if (!result.isolated) {
-        GTEST_SKIP() << "no private mount namespace for a table of our own: " << result.output;
-    }
-    EXPECT_EQ(result.output, "/home/u=xfs;/usr/bin=-;/=-;etc=-;");
-}
-
-TEST(FileSystemTypeTest, NullPathFails) {
     std::string type = "unchanged";
     EXPECT_FALSE(getFileSystemType(nullptr, type));
     EXPECT_EQ(type, "unchanged");
 }
 
-// ---- host name ----
-
-std::string nodeName() {
-    struct utsname names = {};
-    return uname(&names) == 0 ? names.nodename : "";
-}
-
 TEST(HostNameTest, IsTheNodeNameCopiedBounded) {
-    const std::string node = nodeName();
-    ASSERT_FALSE(node.empty());
+    struct utsname names = {};
+    ASSERT_EQ(uname(&names), 0);
+    const std::string node = names.nodename;
     EXPECT_EQ(getHostName(), node);
-    char buf[256];
-    getHostName(buf, sizeof buf);
-    EXPECT_EQ(std::string(buf), node);
     char small[4] = {'#', '#', '#', '#'};
     getHostName(small, sizeof small);
     EXPECT_EQ(std::string(small), node.substr(0, 3));
@@ -308,36 +238,29 @@ TEST(HostNameTest, IsTheNodeNameCopiedBounded) {
     EXPECT_EQ(untouched, '#');
 }
 
-// Sets the host name in a private host-name and network namespace and reports both forms
-// of the full name, "string|buffer".
-IsolatedResult fullNamesAs(const std::string& node) {
-    return runIsolated(CLONE_NEWUTS | CLONE_NEWNET, [node] {
-        if (sethostname(node.c_str(), node.size()) != 0) {
-            return std::string("sethostname: ") + std::strerror(errno);
+// With a private host name, in a network namespace of its own: "string form|buffer form".
+TEST(HostNameTest, FullNameIsTheCanonicalNameOrTheMarker) {
+    static const struct {
+        const char* node;
+        const char* expected;
+    } kCases[] = {{"localhost", "localhost|localhost"},
+                  {"nuvra-unknown-node.invalid", "|unspecified.host"}};
+    for (const auto& c : kCases) {
+        const std::string node = c.node;
+        const IsolatedResult result = runIsolated(CLONE_NEWUTS | CLONE_NEWNET, [&node] {
+            if (sethostname(node.c_str(), node.size()) != 0) {
+                return std::string("sethostname: ") + std::strerror(errno);
+            }
+            char buf[64];
+            getFullHostName(buf, sizeof buf);
+            return getFullHostName() + "|" + buf;
+        });
+        if (!result.isolated) {
+            GTEST_SKIP() << "no private host name and network namespace: " << result.output;
         }
-        char buf[64];
-        getFullHostName(buf, sizeof buf);
-        return getFullHostName() + "|" + buf;
-    });
-}
-
-TEST(HostNameTest, FullNameIsTheCanonicalNameOfTheNode) {
-    const IsolatedResult result = fullNamesAs("localhost");
-    if (!result.isolated) {
-        GTEST_SKIP() << "no private host name and network namespace: " << result.output;
+        EXPECT_EQ(result.output, c.expected);
     }
-    EXPECT_EQ(result.output, "localhost|localhost");
 }
-
-TEST(HostNameTest, UnknownNodeGivesEmptyTextOrTheMarker) {
-    const IsolatedResult result = fullNamesAs("nuvra-unknown-node.invalid");
-    if (!result.isolated) {
-        GTEST_SKIP() << "no private host name and network namespace: " << result.output;
-    }
-    EXPECT_EQ(result.output, "|unspecified.host");
-}
-
-// ---- interfaces ----
 
 TEST(InterfaceTest, LocalAddressesAreAppendedAndIncludeLoopback) {
     std::vector<Inet4Address> addresses = {Inet4Address(0x01020304)};
@@ -355,23 +278,12 @@ TEST(InterfaceTest, MacAddressesAreUpperCaseHexAndSkipLoopback) {
     std::map<std::string, std::string> macs = {{"stale", "x"}};
     ASSERT_TRUE(getMacAddresses(macs));
     EXPECT_EQ(macs.count("stale"), 0U);
-    EXPECT_EQ(macs.count("lo"), 0U);
+    EXPECT_EQ(macs.count("lo"), 0U);  // all zero
     const std::regex shape("([0-9A-F]{2}:){5}[0-9A-F]{2}");
     for (const auto& [name, text] : macs) {
         EXPECT_TRUE(std::regex_match(text, shape)) << name << " " << text;
         EXPECT_NE(text, "00:00:00:00:00:00") << name;
     }
-}
-
-// Runs the ip tool with `argv` and tells whether it succeeded.
-bool runIp(std::vector<const char*> argv) {
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, "ip", nullptr, nullptr, const_cast<char* const*>(argv.data()),
-                     environ) != 0) {
-        return false;
-    }
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 // 20 veth pairs, each end with one address and a known MAC: 40 interface records, more than
@@ -390,7 +302,12 @@ TEST(InterfaceTest, ManyInterfacesGrowTheAddressListButNotTheMacList) {
     }
     const std::string batchFile = dir.write("batch", batch);
     const IsolatedResult result = runIsolated(CLONE_NEWNET, [&batchFile] {
-        if (!runIp({"ip", "-batch", batchFile.c_str(), nullptr})) {
+        const char* argv[] = {"ip", "-batch", batchFile.c_str(), nullptr};
+        pid_t pid = 0;
+        int status = 0;
+        if (posix_spawnp(&pid, "ip", nullptr, nullptr, const_cast<char* const*>(argv), environ) !=
+                0 ||
+            waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
             return std::string("skip: ip could not make the interfaces");
         }
         std::vector<Inet4Address> addresses;
@@ -400,15 +317,14 @@ TEST(InterfaceTest, ManyInterfacesGrowTheAddressListButNotTheMacList) {
         }
         int listed = 0;
         for (const Inet4Address& a : addresses) {
-            const std::string text = a.toString();
-            listed += text.rfind("10.1.0.", 0) == 0 || text.rfind("10.2.0.", 0) == 0 ? 1 : 0;
+            listed += a.toString().rfind("10.", 0) == 0 ? 1 : 0;
         }
         int matching = 0;
         for (const auto& [name, text] : macs) {
             char expected[18];
-            const auto index = std::strtol(name.c_str() + 1, nullptr, 10);
-            (void)std::snprintf(expected, sizeof expected, "02:00:00:00:%s:%02lX",
-                                name[0] == 'a' ? "0A" : "0B", index);
+            (void)std::snprintf(expected, sizeof expected, "02:00:00:00:0%c:%02lX",
+                                name[0] == 'a' ? 'A' : 'B',
+                                std::strtol(name.c_str() + 1, nullptr, 10));
             matching += text == expected ? 1 : 0;
         }
         return std::to_string(listed) + " addresses, " + std::to_string(macs.size()) + " MACs, " +
@@ -420,13 +336,10 @@ TEST(InterfaceTest, ManyInterfacesGrowTheAddressListButNotTheMacList) {
     EXPECT_EQ(result.output, "40 addresses, 32 MACs, 32 as set");
 }
 
-// ---- errno ----
-
 TEST(LastErrorTest, SetsAndReadsErrno) {
-    int* where = setLastError(EAGAIN);
-    EXPECT_EQ(where, &errno);
+    EXPECT_EQ(setLastError(EAGAIN), &errno);
     EXPECT_EQ(getLastError(), EAGAIN);
-    *where = 0;
+    errno = 0;
     EXPECT_EQ(getLastError(), 0);
 }
 

@@ -22,29 +22,18 @@ constexpr int kPath = kWildcardPathName;
 constexpr int kPeriod = kWildcardPeriod;
 constexpr int kFold = kWildcardFoldCase;
 
-// A buffer whose bytes past the size handed to a function must stay untouched.
-class GuardedBuffer {
-  public:
-    static constexpr size_t kCapacity = 64;
-    static constexpr char kCanary = '\x5a';
-
-    explicit GuardedBuffer(size_t size) : size_(size) { std::memset(bytes_, kCanary, kCapacity); }
-    char* data() { return bytes_; }
-    std::string text() const { return {bytes_, strnlen(bytes_, size_)}; }
-
-    // Nothing written past the size, and a terminator within it when there is room for one.
-    void expectWithinBounds() const {
-        for (size_t i = size_; i < kCapacity; ++i) {
-            ASSERT_EQ(bytes_[i], kCanary) << "byte " << i << " written, size " << size_;
-        }
-        if (size_ > 0) {
-            EXPECT_LT(strnlen(bytes_, size_), size_) << "not terminated within size " << size_;
-        }
+// 64 canary bytes, of which a function is handed `size`: it must write nothing past them
+// and leave a terminator within them (when size > 0).
+struct Guarded {
+    explicit Guarded(size_t n) : size(n) { std::memset(bytes, '\x5a', sizeof bytes); }
+    std::string text() const { return {bytes, strnlen(bytes, size)}; }
+    bool inBounds() const {
+        return std::string(bytes + size, sizeof bytes - size) ==
+                   std::string(sizeof bytes - size, '\x5a') &&
+               (size == 0 || strnlen(bytes, size) < size);
     }
-
-  private:
-    size_t size_;
-    char bytes_[kCapacity];
+    size_t size;
+    char bytes[64];
 };
 
 std::wstring widen(const char* s) { return {s, s + std::strlen(s)}; }
@@ -59,44 +48,17 @@ TEST(WildcardEngine, HandPickedCases) {
         {"*.TXT", "a.txt", kNoEscape | kFold, true},
         {"*.TXT", "a.txt", kNoEscape, false},
         {"a\\*", "a\\xyz", kNoEscape, true},  // backslash literal, then a final star
-        {"a\\*", "a*", kNoEscape, false},
-        {"a\\*", "a*", 0, true},  // escaping: the star is literal
+        {"a\\*", "a*", 0, true},
         {"a\\*", "ab", 0, false},
         {"a\\", "a\\", 0, false},  // a lone trailing backslash never matches
-        {"a***b", "axyzb", 0, true},
         {"", "", 0, true},
-        {"", "a", 0, false},
-        {"?", "", 0, false},
-        // Path mode: "/" only by a literal "/", and a final star never matches.
-        {"a?b", "a/b", kPath, false},
-        {"a[/]b", "a/b", kPath, false},
+        // A final star never matches in path mode; a leading period is protected until a
+        // star has searched. Elsewhere the comparison with fnmatch below covers both rules.
         {"a*", "abc", kPath, false},
-        {"a*", "abc", 0, true},
         {"*", "", kPath, false},
-        {"*/c", "ab/c", kPath, true},
-        {"*/c", "a/b/c", kPath, false},
-        {"*b/c", "ab/c", kPath, true},
-        {"*c", "a/c", kPath, false},
-        {"*c", "a/c", 0, true},
-        // Leading periods.
-        {"*", ".a", kPeriod, false},
-        {"?a", ".a", kPeriod, false},
-        {"[.]a", ".a", kPeriod, false},
-        {".a", ".a", kPeriod, true},
-        {"a/*", "a/.b", kPath | kPeriod, false},
-        {"a/?b", "a/.b", kPath | kPeriod, false},
-        {"a/?b", "a/.b", kPath, true},
         {"*x/?b", "ax/.b", kPath | kPeriod, true},  // cleared after a searching star
-        {"x*.b", "x.b", kPeriod, true},
-        // Sets.
-        {"[abc]", "b", 0, true},
-        {"[!abc]", "b", 0, false},
-        {"[^abc]", "d", 0, true},
-        {"[a-c]x", "bx", 0, true},
         {"[a-c]", "B", kFold, true},
-        {"[A-C]", "b", kFold, true},
         {"[a-c]", "B", 0, false},
-        {"[a-]", "-", 0, true},
         {"[]a]", "a", 0, false},  // "]" right after "[" closes an empty set
         {"[!]", "z", 0, true},
         {"[\\]]", "]", 0, true},
@@ -112,69 +74,45 @@ TEST(WildcardEngine, HandPickedCases) {
         EXPECT_EQ(wildcardMatchEngineWide(widen(c.pattern).c_str(), widen(c.text).c_str(), c.flags),
                   c.matches ? 0 : 1);
     }
-}
-
-TEST(WildcardEngine, WrappersNeverEscapeAndFoldOnRequest) {
-    EXPECT_TRUE(wildcardMatch("A\\*", "a\\b", true));
-    EXPECT_FALSE(wildcardMatch("A\\*", "a\\b", false));
-    EXPECT_TRUE(wildcardMatch(std::string("*.C"), std::string("x.c"), true));
+    // The wrappers never escape and never use path or period rules; they fold on request.
+    EXPECT_TRUE(wildcardMatch("A\\*", "a\\/.b", true));
+    EXPECT_FALSE(wildcardMatch(std::string("A\\*"), std::string("a\\b"), false));
     EXPECT_TRUE(wildcardMatchWide(L"*.C", L"x.c", true));
     EXPECT_FALSE(wildcardMatchWide(std::wstring(L"*.C"), std::wstring(L"x.c"), false));
-    // Path mode and period protection are never on in the wrappers.
-    EXPECT_TRUE(wildcardMatch("*", ".a/b", false));
 }
 
-// A random pattern element or text character from small alphabets, so that matches happen.
-std::string randomPattern(std::mt19937& random) {
+// Small alphabets, so that matches happen. The engine differs from fnmatch on purpose in path
+// mode for a final star, and for the period rule after a star that searches.
+TEST(WildcardEngine, AgreesWithFnmatch) {
     static const char* const kElements[] = {"a",    "b",     "A",     ".",    "/",    "\\",
                                             "\\*",  "?",     "*",     "**",   "[ab]", "[!a]",
                                             "[^.]", "[a-b]", "[A-B]", "[./]", "[\\a]"};
-    std::string pattern;
-    for (int n = std::uniform_int_distribution<int>(0, 6)(random); n > 0; --n) {
-        pattern += kElements[random() % (sizeof kElements / sizeof *kElements)];
-    }
-    return pattern;
-}
-
-std::string randomText(std::mt19937& random) {
-    static const char kCharacters[] = "abAB./\\*";
-    std::string text;
-    for (int n = std::uniform_int_distribution<int>(0, 7)(random); n > 0; --n) {
-        text += kCharacters[random() % (sizeof kCharacters - 1)];
-    }
-    return text;
-}
-
-// Where the engine deliberately differs from fnmatch: a final star in path mode, and the
-// period rule after a star that searches (fnmatch keeps it for later path components).
-bool meantToDiffer(const std::string& pattern, int flags) {
-    if ((flags & kPath) == 0) {
-        return false;
-    }
-    const bool finalStar =
-        !pattern.empty() && pattern.back() == '*' &&
-        (pattern.size() < 2 || pattern[pattern.size() - 2] != '\\' || (flags & kNoEscape) != 0);
-    const size_t star = pattern.find('*');
-    const bool laterComponent =
-        star != std::string::npos && pattern.find('/', star) != std::string::npos;
-    return finalStar || ((flags & kPeriod) != 0 && laterComponent);
-}
-
-TEST(WildcardEngine, AgreesWithFnmatch) {
     std::mt19937 random(20261122);
     int compared = 0;
     for (int i = 0; i < 40000; ++i) {
         const int flags = i % 16;
-        const std::string pattern = randomPattern(random);
-        const std::string text = randomText(random);
-        if (meantToDiffer(pattern, flags)) {
+        std::string pattern;
+        for (int n = static_cast<int>(random() % 7); n > 0; --n) {
+            pattern += kElements[random() % (sizeof kElements / sizeof *kElements)];
+        }
+        std::string text;
+        for (int n = static_cast<int>(random() % 8); n > 0; --n) {
+            text += "abAB./\\*"[random() % 8];
+        }
+        const size_t star = pattern.find('*');
+        const bool finalStar =
+            !pattern.empty() && pattern.back() == '*' &&
+            (pattern.size() < 2 || pattern[pattern.size() - 2] != '\\' || (flags & kNoEscape));
+        const bool laterComponent =
+            star != std::string::npos && pattern.find('/', star) != std::string::npos;
+        if ((flags & kPath) && (finalStar || ((flags & kPeriod) && laterComponent))) {
             continue;
         }
         const int systemFlags =
             ((flags & kNoEscape) ? FNM_NOESCAPE : 0) | ((flags & kPath) ? FNM_PATHNAME : 0) |
             ((flags & kPeriod) ? FNM_PERIOD : 0) | ((flags & kFold) ? FNM_CASEFOLD : 0);
-        const bool expected = fnmatch(pattern.c_str(), text.c_str(), systemFlags) == 0;
-        ASSERT_EQ(wildcardMatchEngine(pattern.c_str(), text.c_str(), flags) == 0, expected)
+        ASSERT_EQ(wildcardMatchEngine(pattern.c_str(), text.c_str(), flags) == 0,
+                  fnmatch(pattern.c_str(), text.c_str(), systemFlags) == 0)
             << pattern << " ~ " << text << " flags " << flags;
         ++compared;
     }
@@ -194,12 +132,9 @@ TEST(MatchFileName, NamesWithoutExtension) {
         const char* name;
         bool matches;
     } kCases[] = {
-        {"*.*", "README", true},  {"readme.*", "readme", true},
-        {"abc.", "abc", true},    {"abc.", "abc.d", false},
-        {"*.txt", "a.txt", true}, {"*.txt", "a", false},
-        {"a.*", "a.b.c", true},   {".*", "", true},
-        {"", "a.b", false},       {"", "", true},
-        {"*.*", "x.", true},
+        {"*.*", "README", true},  {"readme.*", "readme", true}, {"abc.", "abc", true},
+        {"abc.", "abc.d", false}, {"*.txt", "a", false},        {"a.*", "a.b.c", true},
+        {".*", "", true},         {"", "a.b", false},           {"", "", true},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(std::string(c.pattern) + " ~ " + c.name);
@@ -209,45 +144,26 @@ TEST(MatchFileName, NamesWithoutExtension) {
     EXPECT_THROW(matchFileName("", "abc", false), std::out_of_range);
 }
 
-TEST(TrimRight, RemovesTrailingWhiteSpace) {
+TEST(InPlaceEdits, TrimReplaceAndLowerCase) {
     static const struct {
         const char* input;
         const char* left;
         bool nothingLeft;
     } kCases[] = {
-        {"  ", "", true},    {"a b \t\n", "a b", false}, {"", "", true},
-        {" a", " a", false}, {"ab", "ab", false},
-    };
+        {"  ", "", true}, {"a b \t\n", "a b", false}, {"", "", true}, {" a", " a", false}};
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.input);
         std::string text = c.input;
         EXPECT_EQ(trimRight(text.data()) != 0, c.nothingLeft);
         EXPECT_STREQ(text.c_str(), c.left);
     }
-}
-
-TEST(InPlaceEdits, ReplaceCharAndLowerCase) {
     char text[] = "a.b.c";
     EXPECT_EQ(replaceChar(text, '.', '/'), 2);
-    EXPECT_STREQ(text, "a/b/c");
-    EXPECT_EQ(replaceChar(text, 'x', 'y'), 0);
     EXPECT_EQ(replaceChar(text, '\0', 'y'), 0);
     EXPECT_STREQ(text, "a/b/c");
     char mixed[] = "MiXeD 123";
     toLowerInPlace(mixed);
     EXPECT_STREQ(mixed, "mixed 123");
-}
-
-TEST(CopyString, TruncatesWithinSize) {
-    for (size_t size = 0; size <= 6; ++size) {
-        SCOPED_TRACE(size);
-        GuardedBuffer buffer(size);
-        copyString(buffer.data(), "abcd", size);
-        buffer.expectWithinBounds();
-        if (size > 0) {
-            EXPECT_EQ(buffer.text(), std::string("abcd").substr(0, size - 1));
-        }
-    }
 }
 
 TEST(StartsWith, ComparesThePrefixOnly) {
@@ -261,72 +177,68 @@ TEST(StartsWith, ComparesThePrefixOnly) {
     EXPECT_NE(startsWithNoCase("ABC", "ac"), 0);
 }
 
-TEST(ExtractBetween, RefusesTextsOfSizeMinusOneOrMore) {
-    static const struct {
-        const char* src;
-        size_t size;
-        const char* expected;  // null: refused
-    } kCases[] = {
-        {"x(abc)y", 5, "abc"},  {"x(abc)y", 4, nullptr}, {"x(abc)y", 3, nullptr},
-        {"x()y", 2, ""},        {"x()y", 1, nullptr},    {"x()y", 0, nullptr},
-        {"x(abc", 10, nullptr}, {"abc)", 10, nullptr},   {")a(b)", 10, "b"},
-        {"((a))", 10, "(a"},
-    };
-    for (const auto& c : kCases) {
-        SCOPED_TRACE(std::string(c.src) + " size " + std::to_string(c.size));
-        GuardedBuffer extracted(c.size);
-        const char* result = extractBetween(extracted.data(), c.src, c.size, '(', ')');
-        extracted.expectWithinBounds();
-        GuardedBuffer copied(c.size);
-        EXPECT_EQ(copyBetween(c.src, '(', ')', copied.data(), c.size), c.expected != nullptr);
-        copied.expectWithinBounds();
-        if (c.expected == nullptr) {
-            EXPECT_EQ(result, nullptr);
-            if (c.size > 0) {
-                EXPECT_EQ(extracted.text(), "");
-                EXPECT_EQ(copied.text(), "");
-            }
-        } else {
-            EXPECT_EQ(result, extracted.data());
-            EXPECT_EQ(extracted.text(), c.expected);
-            EXPECT_EQ(copied.text(), c.expected);
+// The bounded copiers at sizes 0 to 6, each with "abc" to copy: copyString cuts it, the
+// token needs 4 bytes, and an enclosed text is refused at exactly size-1 bytes. The cursor
+// moves past the token either way.
+TEST(BoundedCopies, SizeEdges) {
+    for (size_t size = 0; size <= 6; ++size) {
+        SCOPED_TRACE(size);
+        Guarded copy(size);
+        Guarded token(size);
+        Guarded extracted(size);
+        Guarded copied(size);
+        const char* cursor = " ,abc,,d";
+        copyString(copy.bytes, "abc", size);
+        EXPECT_EQ(nextToken(&cursor, " ,", token.bytes, size), size >= 4 ? 1 : 0);
+        EXPECT_STREQ(cursor, ",,d");
+        EXPECT_EQ(extractBetween(extracted.bytes, "x(abc)y", size, '(', ')'),
+                  size >= 5 ? extracted.bytes : nullptr);
+        EXPECT_EQ(copyBetween("x(abc)y", '(', ')', copied.bytes, size), size >= 5);
+        for (const Guarded* buffer : {&copy, &token, &extracted, &copied}) {
+            EXPECT_TRUE(buffer->inBounds());
         }
+        EXPECT_EQ(copy.text(), std::string("abc").substr(0, size == 0 ? 0 : size - 1));
+        EXPECT_EQ(token.text(), size >= 4 ? "abc" : "");
+        EXPECT_EQ(extracted.text(), size >= 5 ? "abc" : "");
+        EXPECT_EQ(copied.text(), size >= 5 ? "abc" : "");
     }
+    const char* cursor = ",";
+    char token[8] = "x";
+    EXPECT_EQ(nextToken(&cursor, ",", token, sizeof token), 0);
+    EXPECT_STREQ(token, "");
 }
 
-TEST(RemoveDelimited, RemovesCompleteSpans) {
+// Removal repeats until no span is complete; extraction (size 8) takes the first `open` and
+// the next `close` after it. A NUL delimiter would be "found" at the terminator: the text
+// ends its allocation, so AddressSanitizer sees a read past it.
+TEST(Delimited, RemovesAndExtractsCompleteSpansAndNeverFindsNul) {
     static const struct {
         const char* input;
-        const char* left;
-    } kCases[] = {
-        {"a(b)c(d)e", "ace"}, {"a(b", "a(b"},     {"a(b(c)d)e", "ad)e"},
-        {"(x)", ""},          {"a)b(c", "a)b(c"}, {"", ""},
-    };
-    for (const auto& c : kCases) {
-        SCOPED_TRACE(c.input);
-        std::string text = c.input;
-        removeDelimited(text.data(), '(', ')');
-        EXPECT_STREQ(text.c_str(), c.left);
-    }
-}
-
-// A NUL delimiter would be "found" at the terminator; the search must not read on past it.
-// The text sits at the very end of its allocation, so AddressSanitizer sees such a read.
-TEST(Delimited, NulDelimitersAreNeverFound) {
-    static const struct {
         char open;
         char close;
-    } kCases[] = {{'\0', ')'}, {'(', '\0'}, {'\0', '\0'}};
+        const char* left;
+        const char* extracted;  // null: refused
+    } kCases[] = {
+        {"a(b)c(d)e", '(', ')', "ace", "b"},     {"a(b(c)d)e", '(', ')', "ad)e", "b(c"},
+        {")a(b)", '(', ')', ")a", "b"},          {"a)b(c", '(', ')', "a)b(c", nullptr},
+        {"a(b)c", '\0', ')', "a(b)c", nullptr},  {"a(b)c", '(', '\0', "a(b)c", nullptr},
+        {"a(b)c", '\0', '\0', "a(b)c", nullptr},
+    };
     for (const auto& c : kCases) {
-        SCOPED_TRACE(std::to_string(c.open) + " " + std::to_string(c.close));
-        std::unique_ptr<char[]> text(new char[6]);
-        std::memcpy(text.get(), "a(b)c", 6);
+        SCOPED_TRACE(std::string(c.input) + " " + std::to_string(c.open) + std::to_string(c.close));
+        const size_t size = std::strlen(c.input) + 1;
+        std::unique_ptr<char[]> text(new char[size]);
+        std::memcpy(text.get(), c.input, size);
+        Guarded extracted(8);
+        Guarded copied(8);
+        EXPECT_EQ(extractBetween(extracted.bytes, text.get(), 8, c.open, c.close),
+                  c.extracted == nullptr ? nullptr : extracted.bytes);
+        EXPECT_EQ(copyBetween(text.get(), c.open, c.close, copied.bytes, 8),
+                  c.extracted != nullptr);
+        EXPECT_EQ(extracted.text(), c.extracted == nullptr ? "" : c.extracted);
+        EXPECT_EQ(copied.text(), extracted.text());
         removeDelimited(text.get(), c.open, c.close);
-        EXPECT_STREQ(text.get(), "a(b)c");
-        GuardedBuffer extracted(8);
-        EXPECT_EQ(extractBetween(extracted.data(), text.get(), 8, c.open, c.close), nullptr);
-        EXPECT_EQ(extracted.text(), "");
-        EXPECT_FALSE(copyBetween(text.get(), c.open, c.close, extracted.data(), 8));
+        EXPECT_STREQ(text.get(), c.left);
     }
 }
 
@@ -339,15 +251,11 @@ TEST(ReplaceAll, StopsHalfWayWhenTheBufferIsTooSmall) {
         int result;
         const char* output;
     } kCases[] = {
-        {"aaaa", 7, "aa", "bbb", 1, "bbbbbb"},
-        {"aaaa", 6, "aa", "bbb", 0, "bbbaa"},
-        {"aaaa", 5, "aa", "bbb", 0, "aaaa"},
-        {"xaxa", 5, "a", "", 1, "xx"},
-        {"abab", 5, "ab", "cd", 1, "cdcd"},
+        {"aaaa", 7, "aa", "bbb", 1, "bbbbbb"}, {"aaaa", 6, "aa", "bbb", 0, "bbbaa"},
+        {"aaaa", 5, "aa", "bbb", 0, "aaaa"},   {"xaxa", 5, "a", "", 1, "xx"},
         {"abab", 1, "ab", "cd", 1, "cdcd"},   // same length: no size check
         {"aaa", 10, "a", "aa", 1, "aaaaaa"},  // searches on after the inserted text
         {"abc", 10, "", "x", 1, "abc"},
-        {"abc", 10, "z", "xyz", 1, "abc"},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(std::string(c.input) + " size " + std::to_string(c.bufferSize));
@@ -358,63 +266,26 @@ TEST(ReplaceAll, StopsHalfWayWhenTheBufferIsTooSmall) {
     }
 }
 
-TEST(NextToken, SkipsDelimitersAndStopsAtTheEnd) {
-    const char* cursor = "  ab,,cd";
-    char token[8];
-    EXPECT_EQ(nextToken(&cursor, " ,", token, sizeof token), 1);
-    EXPECT_STREQ(token, "ab");
-    EXPECT_STREQ(cursor, ",,cd");
-    EXPECT_EQ(nextToken(&cursor, " ,", token, sizeof token), 1);
-    EXPECT_STREQ(token, "cd");
-    EXPECT_EQ(nextToken(&cursor, " ,", token, sizeof token), 0);
-    EXPECT_STREQ(token, "");
-    EXPECT_EQ(nextToken(&cursor, " ,", token, sizeof token), 0);
-}
-
-TEST(NextToken, TokenMustBeShorterThanTheSize) {
-    for (size_t size = 0; size <= 5; ++size) {
-        SCOPED_TRACE(size);
-        const char* cursor = " abc def";
-        GuardedBuffer token(size);
-        EXPECT_EQ(nextToken(&cursor, " ", token.data(), size), size >= 4 ? 1 : 0);
-        token.expectWithinBounds();
-        EXPECT_EQ(token.text(), size >= 4 ? "abc" : "");
-        EXPECT_STREQ(cursor, " def");  // moved past the token either way
-    }
-}
-
-TEST(NextQuotedToken, DelimitersInsideQuotesStay) {
-    const char* cursor = " a\"b c\"d e <f g>";
+TEST(NextToken, DelimitersInsideQuotesStay) {
+    const char* cursor = " a\"b c\"d <e f>";
     char token[16];
     EXPECT_EQ(nextQuotedToken(&cursor, " ", '"', '"', token, sizeof token), 1);
     EXPECT_STREQ(token, "a\"b c\"d");
     EXPECT_EQ(nextQuotedToken(&cursor, " ", '<', '>', token, sizeof token), 1);
-    EXPECT_STREQ(token, "e");
-    EXPECT_EQ(nextQuotedToken(&cursor, " ", '<', '>', token, sizeof token), 1);
-    EXPECT_STREQ(token, "<f g>");
+    EXPECT_STREQ(token, "<e f>");
     EXPECT_EQ(nextQuotedToken(&cursor, " ", '<', '>', token, sizeof token), 0);
-
     cursor = "\"unclosed quote";
     EXPECT_EQ(nextQuotedToken(&cursor, " ", '"', '"', token, sizeof token), 1);
     EXPECT_STREQ(token, "\"unclosed quote");
 }
 
-TEST(Tokenize, IsStrtokR) {
-    char text[] = "a,b";
-    char* state = nullptr;
-    EXPECT_STREQ(tokenize(text, ",", &state), "a");
-    EXPECT_STREQ(tokenize(nullptr, ",", &state), "b");
-    EXPECT_EQ(tokenize(nullptr, ",", &state), nullptr);
-}
-
-TEST(ParseInt64, HandPickedAndWrapping) {
+TEST(ParseInt64, HandPickedWrapsAndAgreesWithStrtoll) {
     static const struct {
         const char* text;
         int64_t value;
     } kCases[] = {
         {"  -12x", -12},
         {"+", 0},
-        {"", 0},
         {"+-1", 0},
         {"\t\n 42", 42},
         {"9223372036854775807", INT64_MAX},
@@ -424,12 +295,8 @@ TEST(ParseInt64, HandPickedAndWrapping) {
         {"-18446744073709551615", 1},
     };
     for (const auto& c : kCases) {
-        SCOPED_TRACE(c.text);
-        EXPECT_EQ(parseInt64(c.text), c.value);
+        EXPECT_EQ(parseInt64(c.text), c.value) << c.text;
     }
-}
-
-TEST(ParseInt64, AgreesWithStrtollInRange) {
     std::mt19937_64 random(42);
     for (int i = 0; i < 5000; ++i) {
         const auto value = static_cast<int64_t>(random() >> (random() % 64));
@@ -439,64 +306,49 @@ TEST(ParseInt64, AgreesWithStrtollInRange) {
     }
 }
 
-TEST(FindNoCase, HandPicked) {
+TEST(FindNoCase, HandPickedAndLimit) {
     const char* hello = "Hello World";
     EXPECT_EQ(findNoCase(hello, "WORLD"), hello + 6);
     EXPECT_EQ(findNoCase(hello, "worlds"), nullptr);
-    const char* partialRepeats = "aabaabaaab";  // needs the failure links
-    EXPECT_EQ(findNoCase(partialRepeats, "AAAB"), partialRepeats + 6);
     // An empty pattern: null on empty text, else the second character.
     EXPECT_EQ(findNoCase("", ""), nullptr);
     EXPECT_EQ(findNoCase(hello, ""), hello + 1);
-}
-
-TEST(FindNoCase, LimitCountsConsumedCharacters) {
+    // The limit counts consumed characters; 0 means none.
     const char* text = "xxABC";
     EXPECT_EQ(findNoCaseN(text, "abc", 5), text + 2);
     EXPECT_EQ(findNoCaseN(text, "abc", 4), nullptr);
     EXPECT_EQ(findNoCaseN(text, "abc", 0), text + 2);
 }
 
+// Short patterns against short texts, and patterns of 60 to 119 characters (those of 64 and
+// more keep their search table on the heap) cut from a long text in the other case, half of
+// them changed in one place.
 TEST(FindNoCase, AgreesWithStrcasestr) {
     std::mt19937 random(7);
-    const auto randomString = [&random](int maxLength) {
-        std::string s;
-        for (int n = std::uniform_int_distribution<int>(0, maxLength)(random); n > 0; --n) {
-            s += "abAB"[random() % 4];
+    const auto randomString = [&random](size_t length) {
+        std::string s(length, 'a');
+        for (char& c : s) {
+            c = "abAB"[random() % 4];
         }
         return s;
     };
+    const std::string longText = randomString(600);
     for (int i = 0; i < 20000; ++i) {
-        const std::string text = randomString(12);
-        std::string pattern = randomString(4);
-        if (pattern.empty()) {
-            pattern = "a";
+        std::string text = randomString(random() % 13);
+        std::string pattern = randomString(1 + random() % 4);
+        if (i % 50 == 0) {
+            text = longText;
+            pattern = longText.substr(random() % 480, 60 + random() % 60);
+            for (char& c : pattern) {
+                c = static_cast<char>(c ^ 0x20);
+            }
+            if (i % 100 == 0) {
+                pattern[random() % pattern.size()] = "ab"[random() % 2];  // often not found then
+            }
         }
         ASSERT_EQ(findNoCase(text.c_str(), pattern.c_str()),
                   strcasestr(text.c_str(), pattern.c_str()))
             << pattern << " in " << text;
-    }
-}
-
-TEST(FindNoCase, LongPatternsAgreeWithStrcasestr) {
-    // Patterns of 64 characters and more keep their search table on the heap.
-    std::mt19937 random(64);
-    std::string text(600, 'a');
-    for (char& c : text) {
-        c = "abAB"[random() % 4];
-    }
-    for (int i = 0; i < 300; ++i) {
-        const size_t length = 60 + random() % 60;
-        std::string pattern = text.substr(random() % (text.size() - length), length);
-        for (char& c : pattern) {
-            c = static_cast<char>(c ^ 0x20);  // the other case
-        }
-        if (i % 2 == 1) {
-            pattern[random() % length] = "ab"[random() % 2];  // often no longer found
-        }
-        ASSERT_EQ(findNoCase(text.c_str(), pattern.c_str()),
-                  strcasestr(text.c_str(), pattern.c_str()))
-            << pattern;
     }
 }
 
