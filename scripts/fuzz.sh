@@ -5,13 +5,13 @@
 # sanitizer report, a failed check, a leak, a time-out or runaway memory; the input that
 # did it is kept in build/fuzz/findings/.
 #
-#   scripts/fuzz.sh [seconds-per-target]     (default $NUVRA_FUZZ_SECONDS, else 15)
+#   scripts/fuzz.sh [seconds-per-target]     (default $NUVRA_FUZZ_SECONDS, else 12)
 #
 # New inputs found during a run go to a scratch directory, not into the seed corpus.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-seconds=${1:-${NUVRA_FUZZ_SECONDS:-15}}
+seconds=${1:-${NUVRA_FUZZ_SECONDS:-12}}
 jobs=${NUVRA_FUZZ_JOBS:-2}
 case "$seconds" in
 '' | *[!0-9]*)
