@@ -10,7 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
+#include <numeric>
 #include <set>
 #include <string>
 
@@ -118,10 +118,8 @@ TEST_F(FileSystemTest, RemoveTreeUnlinksLinksAndLeavesOutsideAlone) {
 }
 
 TEST_F(FileSystemTest, CopyFileCopiesBytesAndCreatesPrivateFiles) {
-    std::string content;
-    for (int i = 0; i < 10007; ++i) {
-        content += static_cast<char>(i * 7);
-    }
+    std::string content(10007, '\0');
+    std::iota(content.begin(), content.end(), '\0');  // every byte value, NUL included
     writeFile(at("src"), content);
     ASSERT_EQ(chmod(at("src").c_str(), 0751), 0);
     EXPECT_EQ(copyFile(at("src").c_str(), at("plain").c_str(), false, false), kCopyOk);
@@ -377,15 +375,6 @@ TEST_F(FileSystemTest, DirHandleReportsLinksAsLinks) {
     std::set<std::pair<std::string, int>> seen;
     while (dirent64* entry = readDirEntry(handle)) {
         seen.emplace(entry->d_name, entry->d_type);
-    }
-    EXPECT_EQ(seen, expected);
-    rewinddir(handle->dir);
-    seen.clear();
-    dirent64 buffer{};
-    dirent64* result = nullptr;
-    while (readDirEntryR(handle, &buffer, &result) == 0 && result != nullptr) {
-        EXPECT_EQ(result, &buffer);
-        seen.emplace(result->d_name, result->d_type);
     }
     EXPECT_EQ(seen, expected);
     closeDir(handle);

@@ -7,9 +7,9 @@
 #define NUVRA_UTILS_INTERNAL_TEMP_TREE_H_
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
