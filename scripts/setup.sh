@@ -10,7 +10,7 @@ packages=(
     uuid-dev libssl-dev libboost-regex-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     uuid-runtime hyperfine
-    dpkg-dev file
+    dpkg-dev file gcovr
     clang libclang-rt-14-dev libfuzzer-14-dev valgrind
 )
 if [ "${1:-}" = i386 ]; then
