@@ -12,11 +12,14 @@ install(TARGETS nuvra EXPORT nuvraTargets
     INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(TARGETS nuvra-guid RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 
-# Every public header; internal/ holds what only the library and its tests use.
+# Every public header; internal/ holds what only the library uses, testing/ and *_test_util.h
+# what only the tests use.
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/nuvra/"
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/nuvra"
     FILES_MATCHING PATTERN "*.h"
-    PATTERN "internal" EXCLUDE)
+    PATTERN "internal" EXCLUDE
+    PATTERN "testing" EXCLUDE
+    PATTERN "*_test_util.h" EXCLUDE)
 
 install(FILES "${PROJECT_SOURCE_DIR}/tool/nuvra-guid.1"
     DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")

@@ -1,19 +1,15 @@
 // Runs nuvra-guid as a process and checks what it writes and how it exits.
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "nuvra/testing/spawn_test_util.h"
 #include "nuvra/utils/internal/random_source_seam.h"
 #include "nuvra/utils/uuid.h"
 
@@ -27,85 +23,13 @@ using ::testing::MatchesRegex;
 constexpr char kGuidLine[] =
     "[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{2}4[0-9a-f]-[89ab][0-9a-f]{3}-[0-9a-f]{12}\n";
 
-// Where the child's standard output goes: a pipe read by the test, nowhere (closed),
-// /dev/full, or a pipe whose reader has already gone.
-enum class Stdout { kPipe, kClosed, kDevFull, kPipeWithoutReader };
+using nuvra::testing::SpawnResult;
+using nuvra::testing::spawnAndCapture;
+using nuvra::testing::Stdout;
+using RunResult = SpawnResult;
 
-struct RunResult {
-    int status = -1;  // as from waitpid
-    std::string out;
-    std::string err;
-};
-
-std::string readAll(int fd) {
-    std::string text;
-    char buffer[512];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR)) {
-        text.append(buffer, static_cast<size_t>(n > 0 ? n : 0));
-    }
-    close(fd);
-    return text;
-}
-
-// Runs args[0] with the rest as its arguments.
 RunResult run(Stdout mode, std::vector<std::string> args) {
-    std::vector<char*> argv;
-    argv.reserve(args.size() + 1);
-    for (std::string& arg : args) {
-        argv.push_back(arg.data());
-    }
-    argv.push_back(nullptr);
-
-    RunResult result;
-    int out[2];
-    int err[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
-        ADD_FAILURE() << "pipe2: " << std::strerror(errno);
-        return result;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    switch (mode) {
-        case Stdout::kPipe:
-            posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-            break;
-        case Stdout::kClosed:
-            posix_spawn_file_actions_addclose(&actions, STDOUT_FILENO);
-            break;
-        case Stdout::kDevFull:
-            posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/full", O_WRONLY, 0);
-            break;
-        case Stdout::kPipeWithoutReader:
-            close(out[0]);
-            out[0] = -1;
-            posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-            break;
-    }
-    // SIGPIPE at its default action, whatever the test runner left it at.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-    pid_t pid = -1;
-    const int spawnError = posix_spawn(&pid, argv[0], &actions, &attributes, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    close(out[1]);
-    close(err[1]);
-    // One line is far below a pipe's capacity, so reading the pipes in turn cannot block.
-    result.out = out[0] == -1 ? "" : readAll(out[0]);
-    result.err = readAll(err[0]);
-    if (spawnError != 0) {
-        ADD_FAILURE() << "posix_spawn: " << std::strerror(spawnError);
-        return result;
-    }
-    waitpid(pid, &result.status, 0);
-    return result;
+    return spawnAndCapture(std::move(args), mode);
 }
 
 // The command that starts the tool: a cross build's tests start it through the same emulator

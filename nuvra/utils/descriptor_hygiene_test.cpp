@@ -35,7 +35,7 @@
 #include "nuvra/utils/filesystem.h"
 #include "nuvra/utils/host_info.h"
 #include "nuvra/utils/inet_address.h"
-#include "nuvra/utils/internal/isolated_child.h"
+#include "nuvra/testing/isolated_child_test_util.h"
 #include "nuvra/utils/os_info.h"
 #include "nuvra/utils/random_source.h"
 #include "nuvra/utils/stream.h"
@@ -303,7 +303,7 @@ TEST_F(DescriptorHygieneTest, HostFactsAndProcessesLeaveNothingToAChild) {
 // in an empty network namespace, so that nothing leaves the machine; the child checks what
 // they left behind itself. Whether any name is found does not matter here.
 TEST_F(DescriptorHygieneTest, NameLookUpsLeaveNothingToAChild) {
-    const internal::IsolatedResult result = internal::runIsolated(CLONE_NEWNET, [] {
+    const testing::IsolatedResult result = testing::runIsolated(CLONE_NEWNET, [] {
         const std::set<int> before = openFds();
         static_cast<void>(getFullHostName());
         std::string name;

@@ -8,18 +8,18 @@
 #include <set>
 #include <string>
 
-#include "nuvra/utils/internal/temp_tree.h"
+#include "nuvra/testing/temp_dir_test_util.h"
 
 namespace nuvra::utils {
 namespace {
 
 namespace stdfs = std::filesystem;
-using internal::writeFile;
+using testing::writeFile;
 
 // The tree under root_, with links out of it:
 //   a.txt  b.log  linkfile -> a.txt  linkdir -> outside_  dangling -> (nothing)
 //   sub/c.txt  sub/deep/d.txt
-class DirectoryTest : public internal::TempTreeTest {
+class DirectoryTest : public testing::TempTreeTest {
   protected:
     void SetUp() override {
         TempTreeTest::SetUp();

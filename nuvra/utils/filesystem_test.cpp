@@ -14,7 +14,7 @@
 #include <set>
 #include <string>
 
-#include "nuvra/utils/internal/temp_tree.h"
+#include "nuvra/testing/temp_dir_test_util.h"
 
 namespace nuvra::utils {
 namespace {
@@ -23,8 +23,8 @@ namespace stdfs = std::filesystem;
 
 constexpr int64_t kFiveGiB = int64_t{5} << 30;
 
-using internal::readFile;
-using internal::writeFile;
+using testing::readFile;
+using testing::writeFile;
 
 mode_t permissionsOf(const std::string& path) {
     struct stat64 info {};
@@ -33,7 +33,7 @@ mode_t permissionsOf(const std::string& path) {
 }
 
 // The shared tree, also as the current directory, with umask 0.
-class FileSystemTest : public internal::TempTreeTest {
+class FileSystemTest : public testing::TempTreeTest {
   protected:
     void SetUp() override {
         TempTreeTest::SetUp();

@@ -23,13 +23,13 @@
 
 #include "gtest/gtest.h"
 #include "nuvra/utils/internal/host_info_seam.h"
-#include "nuvra/utils/internal/isolated_child.h"
+#include "nuvra/testing/isolated_child_test_util.h"
 
 namespace nuvra::utils {
 namespace {
 
-using internal::IsolatedResult;
-using internal::runIsolated;
+using testing::IsolatedResult;
+using testing::runIsolated;
 
 // A directory of the test's own, removed with what it holds.
 struct TempDir {

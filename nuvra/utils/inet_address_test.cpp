@@ -13,7 +13,7 @@
 
 #include "gtest/gtest.h"
 #include "nuvra/utils/exception.h"
-#include "nuvra/utils/internal/isolated_child.h"
+#include "nuvra/testing/isolated_child_test_util.h"
 
 namespace nuvra::utils {
 namespace {
@@ -21,7 +21,7 @@ namespace {
 // Runs `body` where no name server can be reached: a look-up that /etc/hosts does not answer
 // fails at once inside the child's empty network namespace.
 #define RUN_OFFLINE(result, body)                                                                  \
-    const internal::IsolatedResult result = internal::runIsolated(CLONE_NEWNET, body);             \
+    const testing::IsolatedResult result = testing::runIsolated(CLONE_NEWNET, body);             \
     if (!(result).isolated) {                                                                      \
         GTEST_SKIP() << "no private network namespace, look-up test skipped: " << (result).output; \
     }

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "nuvra/utils/internal/temp_tree.h"
+#include "nuvra/testing/temp_dir_test_util.h"
 
 namespace nuvra::utils {
 namespace {
@@ -211,9 +211,9 @@ TEST(StreamCopy, CopiesAllOrExactlyCount) {
     }
 }
 
-using NFileTest = internal::TempTreeTest;
-using internal::readFile;
-using internal::writeFile;
+using NFileTest = testing::TempTreeTest;
+using testing::readFile;
+using testing::writeFile;
 
 // Checks that a file the library created has mode 0600 (under umask 0) and that a real child,
 // a shell whose builtin test looks at its own descriptor table, does not inherit `fd`.

@@ -3,10 +3,10 @@
 // system table of their own, a host name) without touching the machine, and so that look-ups
 // that would reach a name server fail at once instead of leaving the machine.
 //
-// Internal to nuvra's tests: not part of the library.
+// For nuvra's tests only: not part of the library.
 
-#ifndef NUVRA_UTILS_INTERNAL_ISOLATED_CHILD_H_
-#define NUVRA_UTILS_INTERNAL_ISOLATED_CHILD_H_
+#ifndef NUVRA_TESTING_ISOLATED_CHILD_TEST_UTIL_H_
+#define NUVRA_TESTING_ISOLATED_CHILD_TEST_UTIL_H_
 
 #include <fcntl.h>
 #include <sched.h>
@@ -20,7 +20,7 @@
 #include <functional>
 #include <string>
 
-namespace nuvra::utils::internal {
+namespace nuvra::testing {
 
 struct IsolatedResult {
     // False when the child could not be started or the namespaces could not be made;
@@ -100,6 +100,6 @@ inline IsolatedResult runIsolated(int flags, const std::function<std::string()>&
     return result;
 }
 
-}  // namespace nuvra::utils::internal
+}  // namespace nuvra::testing
 
-#endif  // NUVRA_UTILS_INTERNAL_ISOLATED_CHILD_H_
+#endif  // NUVRA_TESTING_ISOLATED_CHILD_TEST_UTIL_H_
