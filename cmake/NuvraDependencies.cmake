@@ -17,7 +17,7 @@ if(NUVRA_STATIC_EXECUTABLES)
         INTERFACE_LINK_LIBRARIES ${CMAKE_DL_LIBS} Threads::Threads)
 endif()
 
-if(BUILD_TESTING)
+if(NUVRA_BUILD_TESTS)
     find_package(GTest REQUIRED)
     include(GoogleTest)
 endif()

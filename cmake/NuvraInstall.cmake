@@ -10,7 +10,11 @@ install(TARGETS nuvra EXPORT nuvraTargets
     ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
     INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
-install(TARGETS nuvra-guid RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+if(TARGET nuvra-guid)
+    install(TARGETS nuvra-guid RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+    install(FILES "${PROJECT_SOURCE_DIR}/tool/nuvra-guid.1"
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+endif()
 
 # Every public header; internal/ holds what only the library uses, testing/ and *_test_util.h
 # what only the tests use.
@@ -21,8 +25,8 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/nuvra/"
     PATTERN "testing" EXCLUDE
     PATTERN "*_test_util.h" EXCLUDE)
 
-install(FILES "${PROJECT_SOURCE_DIR}/tool/nuvra-guid.1"
-    DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+install(FILES "${PROJECT_BINARY_DIR}/include/nuvra/version.h"
+    DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/nuvra")
 
 install(EXPORT nuvraTargets NAMESPACE nuvra:: DESTINATION "${NUVRA_CMAKE_DIR}")
 configure_package_config_file("${PROJECT_SOURCE_DIR}/cmake/nuvraConfig.cmake.in"

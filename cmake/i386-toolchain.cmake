@@ -1,8 +1,8 @@
 # Builds nuvra as 32-bit x86 (i386) programs with the host's multilib g++ and runs them with
 # qemu-i386-static. The third-party libraries and their headers come from i386 Debian
 # packages unpacked into NUVRA_I386_SYSROOT (default: <build tree>/sysroot), which
-# scripts/i386-sysroot.sh fills on the first configure; the C and C++ runtime libraries are
-# the multilib ones in /usr/lib32 and /usr/lib/gcc.
+# scripts/i386-sysroot.sh fills beforehand; the C and C++ runtime libraries are the multilib
+# ones in /usr/lib32 and /usr/lib/gcc.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)
@@ -23,14 +23,9 @@ endif()
 # try_compile projects read this file again from their own build trees.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES NUVRA_I386_SYSROOT)
 
-get_property(nuvra_in_try_compile GLOBAL PROPERTY IN_TRY_COMPILE)
-if(NOT nuvra_in_try_compile)
-    execute_process(
-        COMMAND "${CMAKE_CURRENT_LIST_DIR}/../scripts/i386-sysroot.sh" "${NUVRA_I386_SYSROOT}"
-        RESULT_VARIABLE nuvra_sysroot_result)
-    if(NOT nuvra_sysroot_result EQUAL 0)
-        message(FATAL_ERROR "Could not prepare the i386 sysroot in ${NUVRA_I386_SYSROOT}")
-    endif()
+if(NOT EXISTS "${NUVRA_I386_SYSROOT}/usr/include/uuid/uuid.h")
+    message(FATAL_ERROR "No i386 sysroot in ${NUVRA_I386_SYSROOT}: run "
+        "scripts/i386-sysroot.sh ${NUVRA_I386_SYSROOT} first")
 endif()
 
 # Libraries, headers and CMake packages only from the sysroot; programs (pkg-config, the

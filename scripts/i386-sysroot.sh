@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Fills a sysroot with the i386 Debian packages that the 32-bit build links against, without
 # installing them: the amd64 and i386 development packages cannot be installed side by side
-# here (their versions conflict). Run by cmake/i386-toolchain.cmake when the i386 preset is
-# configured; usable by hand as well:
+# here (their versions conflict). Run it before configuring the i386 preset (the test command
+# does):
 #
 #     scripts/i386-sysroot.sh build/i386/sysroot
 #

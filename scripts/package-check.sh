@@ -1,8 +1,15 @@
 #!/usr/bin/env bash
-# Checks that an installed nuvra can be used as C++ users on Linux use a library: installs a
-# release build into a temporary prefix, builds scripts/consumer once through
-# find_package(nuvra) and once with pkg-config, runs both, then builds the Debian package
-# with cpack and lists its contents. Expects scripts/setup.sh to have run.
+# Checks nuvra as its users take it, from an optimised build:
+# - builds the library, the tool, the examples and the tests in Release (with warnings as
+#   errors) and runs the tests there, since an optimising compiler warns and fails where a
+#   debug build does not;
+# - installs into a temporary prefix and builds scripts/consumer through find_package(nuvra)
+#   (a program, a shared library of its own that links the installed static libnuvra.a, and
+#   a program using that library) and once with pkg-config, and runs them;
+# - pulls the checkout into scripts/consumer with FetchContent, in Release, without
+#   installing, which must need neither GoogleTest nor anything else of nuvra's tests;
+# - builds the Debian package with cpack and lists its contents.
+# Expects scripts/setup.sh test to have run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,14 +18,31 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix="$work/prefix"
 
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DNUVRA_BUILD_TESTS=ON -DNUVRA_WERROR=ON
 cmake --build "$build"
+ctest --test-dir "$build" --output-on-failure --no-tests=error
 cmake --install "$build" --prefix "$prefix"
 
+run_consumer() {
+    "$1/consumer"
+    "$1/plugin_user"
+}
+
 echo "== consumer through find_package(nuvra)"
-cmake -S scripts/consumer -B "$work/cmake-consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix"
+cmake -S scripts/consumer -B "$work/cmake-consumer" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_PREFIX_PATH="$prefix"
 cmake --build "$work/cmake-consumer"
-"$work/cmake-consumer/consumer"
+run_consumer "$work/cmake-consumer"
+
+echo "== consumer with the checkout pulled in by FetchContent"
+cmake -S scripts/consumer -B "$work/fetch-consumer" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DNUVRA_SOURCE_DIR="$PWD"
+cmake --build "$work/fetch-consumer"
+run_consumer "$work/fetch-consumer"
+if grep -q -i gtest "$work/fetch-consumer/CMakeCache.txt"; then
+    echo "package-check: the embedded build looked for GoogleTest" >&2
+    exit 1
+fi
 
 echo "== consumer through pkg-config"
 pc_dir=$(dirname "$(find "$prefix" -name nuvra.pc -print -quit)")

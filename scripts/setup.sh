@@ -1,21 +1,39 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing, fuzzing and benchmarking nuvra need;
-# with the argument "i386" also the 32-bit compiler and the user-mode emulator that the i386
-# preset needs. Idempotent: it asks apt only for what is missing, and refreshes the package
-# lists only then.
+# Installs the Debian packages nuvra needs, for one or more profiles:
+#
+#   scripts/setup.sh [tool] [test] [i386]
+#
+#   tool  building the library and nuvra-guid: compiler, CMake, Ninja, pkg-config and the
+#         three libraries' development packages (the default)
+#   test  also everything the test command uses: GoogleTest, Google Benchmark, clang with
+#         libFuzzer and clang-tidy, valgrind, gcovr, the packaging and ABI tools, iproute2
+#   i386  the 32-bit compiler and the user-mode emulator of the i386 preset
+#
+# Idempotent: it asks apt only for what is missing, and refreshes the package lists only then.
 set -euo pipefail
 
-packages=(
-    g++ cmake ninja-build pkg-config clang-tidy
-    uuid-dev libssl-dev libboost-regex-dev
+tool_packages=(g++ cmake ninja-build pkg-config uuid-dev libssl-dev libboost-regex-dev)
+test_packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
+    clang clang-tidy libclang-rt-14-dev libfuzzer-14-dev valgrind gcovr
     uuid-runtime hyperfine
-    dpkg-dev file gcovr
-    clang libclang-rt-14-dev libfuzzer-14-dev valgrind
+    dpkg-dev file lintian abigail-tools
+    iproute2
 )
-if [ "${1:-}" = i386 ]; then
-    packages+=(g++-multilib qemu-user-static)
-fi
+i386_packages=(g++-multilib qemu-user-static)
+
+packages=()
+for profile in "${@:-tool}"; do
+    case "$profile" in
+    tool) packages+=("${tool_packages[@]}") ;;
+    test) packages+=("${tool_packages[@]}" "${test_packages[@]}") ;;
+    i386) packages+=("${i386_packages[@]}") ;;
+    *)
+        echo "usage: scripts/setup.sh [tool] [test] [i386]" >&2
+        exit 2
+        ;;
+    esac
+done
 
 is_installed() {
     [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]

@@ -1,13 +1,16 @@
-// A program outside the nuvra tree, built against an installed nuvra: it generates, prints and
-// parses a Uuid and computes a digest, and exits non-zero when any of it goes wrong.
+// A program outside the nuvra tree, built against nuvra: it prints nuvra's version, generates,
+// prints and parses a Uuid and computes a digest, and exits non-zero when any of it goes wrong.
 
 #include <iostream>
 #include <string>
 
 #include "nuvra/crypto/stream_digest.h"
 #include "nuvra/utils/uuid.h"
+#include "nuvra/version.h"
 
 int main() {
+    std::cout << "nuvra " << NUVRA_VERSION_STRING << '\n';
+    static_assert(NUVRA_VERSION_MAJOR >= 0 && NUVRA_VERSION_MINOR >= 0 && NUVRA_VERSION_PATCH >= 0);
     const nuvra::utils::Uuid generated;
     const std::string text = generated.toString();
     const nuvra::utils::Uuid parsed = nuvra::utils::Uuid::fromString(text);
