@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-./scripts/setup.sh
+./scripts/setup.sh tool
 cmake --preset release >/dev/null
 cmake --build --preset release >/dev/null
 exec build/release/tool/nuvra-guid "$@"
