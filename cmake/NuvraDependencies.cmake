@@ -11,9 +11,9 @@ include(NuvraLinkTargets)
 # built with ICU, and libcrypto loads modules and runs threads.
 if(NUVRA_STATIC_EXECUTABLES)
     add_link_options("$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-static>")
-    set_property(TARGET nuvra_boost_regex APPEND PROPERTY
+    set_property(TARGET nuvra::boost_regex APPEND PROPERTY
         INTERFACE_LINK_LIBRARIES icui18n icuuc icudata)
-    set_property(TARGET nuvra_libcrypto APPEND PROPERTY
+    set_property(TARGET nuvra::libcrypto APPEND PROPERTY
         INTERFACE_LINK_LIBRARIES ${CMAKE_DL_LIBS} Threads::Threads)
 endif()
 

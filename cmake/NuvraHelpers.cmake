@@ -10,7 +10,7 @@
 function(nuvra_add_test_suite name)
     cmake_parse_arguments(PARSE_ARGV 1 suite "" "" "LABELS")
     add_executable(${name} ${suite_UNPARSED_ARGUMENTS})
-    target_link_libraries(${name} PRIVATE nuvra GTest::gtest GTest::gtest_main GTest::gmock)
+    target_link_libraries(${name} PRIVATE nuvra_archive GTest::gtest GTest::gtest_main GTest::gmock)
     nuvra_set_warnings(${name})
     set(properties SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
     if(suite_LABELS)

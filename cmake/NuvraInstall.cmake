@@ -1,34 +1,62 @@
-# Install rules, the CMake package (nuvra::nuvra), the pkg-config file and the Debian package.
-# Included from the top-level CMakeLists.txt when NUVRA_INSTALL is on.
+# Install rules, the CMake package (nuvra::nuvra), the pkg-config file, and the packages cpack
+# makes. Included from the top-level CMakeLists.txt when NUVRA_INSTALL is on.
+#
+# Everything installed belongs to one of three components, which are also the Debian
+# packages (see NuvraDebian.cmake):
+#   tool     nuvra-guid and its manual page
+#   runtime  the shared library, in shared builds
+#   dev      headers, the static archive, the shared library's link name, the CMake package
+#            and nuvra.pc
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(NUVRA_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/nuvra")
 
-install(TARGETS nuvra EXPORT nuvraTargets
-    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+if(BUILD_SHARED_LIBS)
+    install(TARGETS nuvra_shared EXPORT nuvraTargets
+        LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT runtime NAMELINK_COMPONENT dev
+        INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+    # The archive of a shared build comes as nuvra::nuvra_static, which find_package loads
+    # (with the dependencies an archive needs) only when asked: COMPONENTS static.
+    install(TARGETS nuvra_archive EXPORT nuvraStaticTargets
+        ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT dev
+        INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+    install(EXPORT nuvraStaticTargets NAMESPACE nuvra:: DESTINATION "${NUVRA_CMAKE_DIR}"
+        COMPONENT dev)
+    set(NUVRA_PACKAGE_IS_STATIC OFF)
+else()
+    install(TARGETS nuvra_archive EXPORT nuvraTargets
+        ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT dev
+        INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+    set(NUVRA_PACKAGE_IS_STATIC ON)
+endif()
+install(EXPORT nuvraTargets NAMESPACE nuvra:: DESTINATION "${NUVRA_CMAKE_DIR}" COMPONENT dev)
+
 if(TARGET nuvra-guid)
-    install(TARGETS nuvra-guid RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
-    install(FILES "${PROJECT_SOURCE_DIR}/tool/nuvra-guid.1"
-        DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+    install(TARGETS nuvra-guid RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tool)
+    # Manual pages are installed compressed, as man-db and Debian expect them.
+    set(nuvra_man_page "${PROJECT_BINARY_DIR}/nuvra-guid.1.gz")
+    add_custom_command(OUTPUT "${nuvra_man_page}"
+        COMMAND gzip -9 -n -c "${PROJECT_SOURCE_DIR}/tool/nuvra-guid.1" > "${nuvra_man_page}"
+        DEPENDS "${PROJECT_SOURCE_DIR}/tool/nuvra-guid.1"
+        VERBATIM)
+    add_custom_target(nuvra_man_page ALL DEPENDS "${nuvra_man_page}")
+    install(FILES "${nuvra_man_page}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tool)
 endif()
 
 # Every public header; internal/ holds what only the library uses, testing/ and *_test_util.h
 # what only the tests use.
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/nuvra/"
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/nuvra"
+    COMPONENT dev
     FILES_MATCHING PATTERN "*.h"
     PATTERN "internal" EXCLUDE
     PATTERN "testing" EXCLUDE
     PATTERN "*_test_util.h" EXCLUDE)
-
 install(FILES "${PROJECT_BINARY_DIR}/include/nuvra/version.h"
-    DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/nuvra")
+    DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/nuvra" COMPONENT dev)
 
-install(EXPORT nuvraTargets NAMESPACE nuvra:: DESTINATION "${NUVRA_CMAKE_DIR}")
 configure_package_config_file("${PROJECT_SOURCE_DIR}/cmake/nuvraConfig.cmake.in"
     "${PROJECT_BINARY_DIR}/nuvraConfig.cmake"
     INSTALL_DESTINATION "${NUVRA_CMAKE_DIR}")
@@ -38,7 +66,7 @@ install(FILES
     "${PROJECT_BINARY_DIR}/nuvraConfig.cmake"
     "${PROJECT_BINARY_DIR}/nuvraConfigVersion.cmake"
     "${PROJECT_SOURCE_DIR}/cmake/NuvraLinkTargets.cmake"
-    DESTINATION "${NUVRA_CMAKE_DIR}")
+    DESTINATION "${NUVRA_CMAKE_DIR}" COMPONENT dev)
 
 # pkg-config: a static archive must name its dependencies in Libs (pkg-config --libs leaves
 # the private fields out unless asked for --static); a shared library keeps them private.
@@ -56,18 +84,6 @@ else()
     set(NUVRA_PC_PRIVATE_LIBS "")
 endif()
 configure_file("${PROJECT_SOURCE_DIR}/cmake/nuvra.pc.in" "${PROJECT_BINARY_DIR}/nuvra.pc" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/nuvra.pc" DESTINATION "${NUVRA_PC_DIR}")
+install(FILES "${PROJECT_BINARY_DIR}/nuvra.pc" DESTINATION "${NUVRA_PC_DIR}" COMPONENT dev)
 
-# cpack -G DEB: one package with the tool, the library, its headers and build files. The
-# tool is static; the headers and the archive need the dependencies' development packages.
-set(CPACK_PACKAGE_NAME "nuvra")
-set(CPACK_PACKAGE_VENDOR "nuvra maintainers")
-set(CPACK_PACKAGE_CONTACT "nuvra maintainers <maintainers@nuvra.invalid>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
-    "C++ runtime library and nuvra-guid, which prints one freshly generated GUID")
-set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION "libdevel")
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "uuid-dev, libssl-dev (>= 3.0), libboost-regex-dev (>= 1.74)")
-include(CPack)
+include(NuvraDebian)

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <new>
 
+#include "nuvra/crypto/internal/latin1_fold.h"
 #include "nuvra/crypto/internal/sha0.h"
 #include "nuvra/ssl/ssl_err_handler.h"
 #include "nuvra/utils/format.h"
@@ -23,6 +24,9 @@ void recordSslErrors() {
 int evpUpdate(EVP_MD_CTX* context, const unsigned char* data, size_t count) {
     return EVP_DigestUpdate(context, data, count);
 }
+
+// The SHA-0 engine a BufDigest holds without naming its type.
+internal::Sha0* sha0Of(void* engine) { return static_cast<internal::Sha0*>(engine); }
 
 bool isLatin1Lead(unsigned char byte) { return byte >= 0xC0 && byte <= 0xC3; }
 
@@ -44,7 +48,7 @@ bool shouldFold(const unsigned char* data, size_t count) {
 
 }  // namespace
 
-namespace internal {
+namespace [[gnu::visibility("hidden")]] internal {
 
 int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t count) {
     if (!shouldFold(data, count)) {
@@ -78,6 +82,10 @@ int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t coun
 
 }  // namespace internal
 
+void StreamDigest::BufDigest::Sha0Deleter::operator()(void* engine) const {
+    delete static_cast<internal::Sha0*>(engine);
+}
+
 StreamDigest::BufDigest::BufDigest()
     : context_(EVP_MD_CTX_new()), algorithm_(EVP_md_null()), update_(&evpUpdate) {
     if (context_ == nullptr) {
@@ -99,7 +107,7 @@ void StreamDigest::BufDigest::setUpdateFunction(UpdateFunction update) {
 }
 
 void StreamDigest::BufDigest::useSha0() {
-    sha0_ = std::make_unique<internal::Sha0>();
+    sha0_.reset(new internal::Sha0());
     needsInitialisation_ = true;
 }
 
@@ -109,7 +117,7 @@ void StreamDigest::BufDigest::startIfNeeded() {
     }
     needsInitialisation_ = false;
     if (sha0_ != nullptr) {
-        sha0_->reset();
+        sha0Of(sha0_.get())->reset();
         started_ = true;
         return;
     }
@@ -126,7 +134,7 @@ bool StreamDigest::BufDigest::hash(const unsigned char* data, size_t count) {
         return false;
     }
     if (sha0_ != nullptr) {
-        sha0_->update(data, count);
+        sha0Of(sha0_.get())->update(data, count);
         return true;
     }
     return update_(context_, data, count) != 0;
@@ -153,7 +161,7 @@ uint32_t StreamDigest::BufDigest::finish(unsigned char* output) {
     }
     started_ = false;
     if (sha0_ != nullptr) {
-        const internal::Sha0::Digest digest = sha0_->finish();
+        const internal::Sha0::Digest digest = sha0Of(sha0_.get())->finish();
         std::copy(digest.begin(), digest.end(), output);
         return static_cast<uint32_t>(digest.size());
     }

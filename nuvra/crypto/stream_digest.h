@@ -32,11 +32,6 @@ using EVP_MD_CTX = evp_md_ctx_st;
 
 namespace nuvra::crypto {
 
-namespace internal {
-template <unsigned ScheduleRotation>
-class Sha160;
-}  // namespace internal
-
 // A stream whose digest is always empty (libcrypto's null digest); the subclasses below set
 // a real algorithm.
 class StreamDigest : public std::ostream {
@@ -96,7 +91,11 @@ class StreamDigest : public std::ostream {
         const EVP_MD* algorithm_;
         UpdateFunction update_;
         // Set when hashing with the library's SHA-0; the context is then unused.
-        std::unique_ptr<internal::Sha160<0>> sha0_;
+        // Frees the library's SHA-0 engine, whose type stays inside the library.
+        struct Sha0Deleter {
+            void operator()(void* engine) const;
+        };
+        std::unique_ptr<void, Sha0Deleter> sha0_;
         // Whether the digest in progress was started successfully. Bytes written after a
         // failed start are dropped rather than fed to a context that has no algorithm.
         bool started_ = false;
@@ -135,8 +134,7 @@ class StreamDigestMD5 : public StreamDigest {
   public:
     // Plain MD5 when `foldUtf8ToLatin1` is false.
     //
-    // When true, each byte written passes through the Latin-1 fold (internal::
-    // foldLatin1Update) on its own, because the stream hands bytes over one at a time: a
+    // When true, each byte written passes through the Latin-1 fold on its own, because the stream hands bytes over one at a time: a
     // byte 0xC0 to 0xC3 is dropped and every other byte is hashed as it is. Text written as
     // UTF-8 therefore hashes as Latin-1 for U+0080 to U+00BF; for U+00C0 to U+00FF only the
     // second UTF-8 byte is hashed ("é", C3 A9, hashes as A9, not E9). Kept: digests stored
@@ -169,20 +167,6 @@ class StreamDigestSHA512 : public StreamDigest {
   public:
     StreamDigestSHA512();
 };
-
-namespace internal {
-
-// The Latin-1 fold of StreamDigestMD5, for one block of bytes, hashed into `context` (an
-// MD5 digest in progress) with EVP_DigestUpdate. Internal to nuvra; declared here for tests.
-//
-// The block is hashed unchanged when any byte is 0xC4 or above, or when a byte 0xC0 to 0xC3
-// is followed by a byte outside 0x80 to 0xBF. Otherwise each byte 0xC0 to 0xC3 and the byte
-// after it are hashed as the one byte (lead << 6 | (next & 0x3F)), truncated to 8 bits; runs
-// of other bytes are hashed as they are, one update per run; a byte 0xC0 to 0xC3 at the very
-// end of the block is dropped. Returns the result of the last update made, 1 when none was.
-int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t count);
-
-}  // namespace internal
 
 }  // namespace nuvra::crypto
 

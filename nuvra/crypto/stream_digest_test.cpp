@@ -1,4 +1,5 @@
 #include "nuvra/crypto/stream_digest.h"
+#include "nuvra/crypto/internal/latin1_fold.h"
 
 #include <openssl/err.h>
 #include <openssl/evp.h>

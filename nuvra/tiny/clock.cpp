@@ -44,7 +44,7 @@ int compare(int a, int b) { return (a > b) - (a < b); }
 
 }  // namespace
 
-namespace internal {
+namespace [[gnu::visibility("hidden")]] internal {
 
 void setTickSourceForTesting(TickSource source) {
     NMutexLock lock(tickClockMutex);

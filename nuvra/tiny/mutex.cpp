@@ -8,7 +8,7 @@
 #include "nuvra/utils/internal/exception_contract.h"
 
 namespace nuvra::tiny {
-namespace internal {
+namespace [[gnu::visibility("hidden")]] internal {
 
 void throwIfMutexInitFailed(int result) {
     switch (result) {

@@ -157,7 +157,7 @@ pid_t spawnWith(const char* const argv[], pid_t* pidOut, DescriptorList* keepLis
 
 }  // namespace
 
-namespace internal {
+namespace [[gnu::visibility("hidden")]] internal {
 
 void setWaitPollMsForTesting(int32_t milliseconds) { waitPollMs = milliseconds; }
 

@@ -87,7 +87,7 @@ void* threadStartRoutine(void* argument) {
 
 }  // namespace
 
-namespace internal {
+namespace [[gnu::visibility("hidden")]] internal {
 
 int32_t liveThreadStartRecords() { return liveStartRecords.load(std::memory_order_relaxed); }
 

@@ -36,6 +36,7 @@
 #include "nuvra/utils/host_info.h"
 #include "nuvra/utils/inet_address.h"
 #include "nuvra/testing/isolated_child_test_util.h"
+#include "nuvra/testing/temp_dir_test_util.h"
 #include "nuvra/utils/os_info.h"
 #include "nuvra/utils/random_source.h"
 #include "nuvra/utils/stream.h"
@@ -290,9 +291,8 @@ TEST_F(DescriptorHygieneTest, HostFactsAndProcessesLeaveNothingToAChild) {
     std::vector<std::string> listerArgs = listerArguments(opened, at("launched.txt"));
     const std::vector<char*> listerArgv = argvOf(listerArgs);
     EXPECT_EQ(tiny::runArgv(listerArgv.data()), 0);
-    std::ifstream launched(at("launched.txt"));
-    ASSERT_TRUE(launched.is_open());
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(launched), {}), "");
+    ASSERT_TRUE(stdfs::exists(at("launched.txt")));
+    EXPECT_EQ(testing::readFile(at("launched.txt")), "");
 
     // The test reaps its child: end of input ends cat.
     EXPECT_TRUE(cat.stdinPipe().close());

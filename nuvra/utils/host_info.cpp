@@ -313,7 +313,7 @@ int* setLastError(int value) {
     return &errno;
 }
 
-namespace internal {
+namespace [[gnu::visibility("hidden")]] internal {
 
 bool getTotalMemoryFrom(const char* path, int64_t* bytes) {
     if (bytes == nullptr) {

@@ -141,7 +141,7 @@ bool isVirtualAppliance() { return internal::isVirtualApplianceAt(""); }
 
 void detectOsInfo(OsInfo& out) { internal::detectOsInfoAt(out, ""); }
 
-namespace internal {
+namespace [[gnu::visibility("hidden")]] internal {
 
 bool isVirtualApplianceAt(const std::string& root) {
     struct stat status {};

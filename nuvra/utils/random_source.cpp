@@ -192,7 +192,7 @@ std::string RandomSource::makeUniqueId(uint32_t length) {
     return digest.hexDigest(false).substr(0, length);
 }
 
-namespace internal {
+namespace [[gnu::visibility("hidden")]] internal {
 
 std::unique_ptr<RandomSource> RandomSourceSeam::withDevice(const char* devicePath) {
     return std::unique_ptr<RandomSource>(new RandomSource(devicePath));

@@ -14,7 +14,7 @@
 
 namespace nuvra::utils {
 
-namespace internal {
+namespace [[gnu::visibility("hidden")]] internal {
 class RandomSourceSeam;
 }  // namespace internal
 

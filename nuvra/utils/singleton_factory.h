@@ -6,11 +6,11 @@
 // allocated, or whatever the type's default constructor throws. The factory then holds no
 // instance, and a later call tries again.
 //
-// Every factory shares one NMutex for creation and destruction. It is built before main
-// (internal::singletonFactoryMutexAtStartup forces it during static initialisation) and also
-// on first use, so a static initialiser elsewhere that reaches a factory before this header's
-// initialisers have run still finds the lock built. Because the lock is built before any
-// instance is registered for destruction, it is destroyed at exit only after every instance.
+// Every factory shares one NMutex for creation and destruction (SingletonFactoryLock). It is
+// built before main, during the library's static initialisation, and also on first use, so a
+// static initialiser elsewhere that reaches a factory before the library's have run still
+// finds the lock built. Because the lock is built before any instance is registered for
+// destruction, it is destroyed at exit only after every instance.
 
 #ifndef NUVRA_UTILS_SINGLETON_FACTORY_H_
 #define NUVRA_UTILS_SINGLETON_FACTORY_H_
@@ -22,21 +22,22 @@
 
 namespace nuvra::utils {
 
-namespace internal {
+template <typename T, typename Policy>
+class SingletonFactory;
 
-// The lock of every SingletonFactory. Built on first use, behind the thread-safe guard of a
-// function-local static.
-inline tiny::NMutex& singletonFactoryMutex() {
-    static tiny::NMutex mutex;
-    return mutex;
-}
+// The one lock of every SingletonFactory. Defined in the library rather than inline, so that
+// the library and every program or shared object using it share one lock instead of each
+// holding a copy of its own.
+class SingletonFactoryLock {
+  private:
+    template <typename T, typename Policy>
+    friend class SingletonFactory;
 
-// Builds the lock during static initialisation, so that it exists before main even when no
-// instance is asked for until later.
-[[maybe_unused]] inline tiny::NMutex* const singletonFactoryMutexAtStartup =
-    &singletonFactoryMutex();
-
-}  // namespace internal
+    static tiny::NMutex& mutex();
+    // Set during static initialisation to the lock, so that it exists before main even when
+    // no instance is asked for until later.
+    static tiny::NMutex* const builtAtStartup_;
+};
 
 // Destruction policy: the instance lives until the process exits. The factory calls
 // scheduleDestruction once for each instance it creates.
@@ -67,7 +68,7 @@ class SingletonFactory {
         if (instance != nullptr) {
             return instance;
         }
-        tiny::NMutexLock lock(internal::singletonFactoryMutex());
+        tiny::NMutexLock lock(SingletonFactoryLock::mutex());
         instance = instance_.load(std::memory_order_relaxed);
         if (instance == nullptr) {
             instance = new T();
@@ -82,7 +83,7 @@ class SingletonFactory {
     //
     // WARNING: every pointer getInstance returned before dangles afterwards.
     static void internalDestroyInstance() {
-        tiny::NMutexLock lock(internal::singletonFactoryMutex());
+        tiny::NMutexLock lock(SingletonFactoryLock::mutex());
         delete instance_.exchange(nullptr, std::memory_order_acq_rel);
     }
 

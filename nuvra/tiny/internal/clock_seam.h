@@ -10,7 +10,8 @@
 #include <cstdint>
 #include <ctime>
 
-namespace nuvra::tiny::internal {
+namespace nuvra::tiny {
+namespace [[gnu::visibility("hidden")]] internal {
 
 // Returns a tick count as times() would, in units of sysconf(_SC_CLK_TCK).
 using TickSource = std::clock_t (*)();
@@ -29,6 +30,7 @@ int64_t roundToMs64(const timeval& time);
 // The request sleepMs hands to nanosleep.
 timespec sleepRequest(int32_t milliseconds);
 
-}  // namespace nuvra::tiny::internal
+}  // namespace internal
+}  // namespace nuvra::tiny
 
 #endif  // NUVRA_TINY_INTERNAL_CLOCK_SEAM_H_

@@ -7,7 +7,8 @@
 
 #include <cstdint>
 
-namespace nuvra::tiny::internal {
+namespace nuvra::tiny {
+namespace [[gnu::visibility("hidden")]] internal {
 
 // The pause between two polls, in milliseconds; 1000 unless a test set another.
 constexpr int32_t kDefaultWaitPollMs = 1000;
@@ -15,6 +16,7 @@ constexpr int32_t kDefaultWaitPollMs = 1000;
 // Sets the pause between polls; kDefaultWaitPollMs restores it.
 void setWaitPollMsForTesting(int32_t milliseconds);
 
-}  // namespace nuvra::tiny::internal
+}  // namespace internal
+}  // namespace nuvra::tiny
 
 #endif  // NUVRA_TINY_INTERNAL_PROCESS_SEAM_H_

@@ -12,7 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace nuvra::tiny::internal {
+namespace nuvra::tiny {
+namespace [[gnu::visibility("hidden")]] internal {
 
 // Start records made by createThread and not yet released: each one lives from creation until
 // its thread ends, however it ends.
@@ -42,6 +43,7 @@ ThreadSystemCalls realThreadSystemCalls();
 // synchronised: call it only while no other thread creates threads or installs the guard.
 ThreadSystemCalls setThreadSystemCallsForTesting(const ThreadSystemCalls& calls);
 
-}  // namespace nuvra::tiny::internal
+}  // namespace internal
+}  // namespace nuvra::tiny
 
 #endif  // NUVRA_TINY_INTERNAL_THREAD_SEAM_H_

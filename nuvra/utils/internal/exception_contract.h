@@ -8,7 +8,8 @@
 #include <exception>
 #include <utility>
 
-namespace nuvra::utils::internal {
+namespace nuvra::utils {
+namespace [[gnu::visibility("hidden")]] internal {
 
 // Must be called from inside a catch handler. Rethrows the exception being handled when it
 // matches one of Allowed (as a `catch (const T&)` would match it, so derived types pass);
@@ -40,6 +41,7 @@ decltype(auto) withExceptionContract(Body&& body) {
     }
 }
 
-}  // namespace nuvra::utils::internal
+}  // namespace internal
+}  // namespace nuvra::utils
 
 #endif  // NUVRA_UTILS_INTERNAL_EXCEPTION_CONTRACT_H_

@@ -8,7 +8,8 @@
 
 #include "nuvra/utils/os_info.h"
 
-namespace nuvra::utils::internal {
+namespace nuvra::utils {
+namespace [[gnu::visibility("hidden")]] internal {
 
 // getTotalMemory reading `path` where the public function reads "/proc/meminfo".
 bool getTotalMemoryFrom(const char* path, int64_t* bytes);
@@ -17,6 +18,7 @@ bool getTotalMemoryFrom(const char* path, int64_t* bytes);
 // them from the locale name `name`. A null name, "C" and "POSIX" leave them empty.
 void setLocaleFields(OsInfo& info, const char* name);
 
-}  // namespace nuvra::utils::internal
+}  // namespace internal
+}  // namespace nuvra::utils
 
 #endif  // NUVRA_UTILS_INTERNAL_HOST_INFO_SEAM_H_

@@ -9,7 +9,8 @@
 
 #include "nuvra/utils/os_info.h"
 
-namespace nuvra::utils::internal {
+namespace nuvra::utils {
+namespace [[gnu::visibility("hidden")]] internal {
 
 // detectOsInfo reading "<root>/etc/..." for every release file and the appliance marker;
 // the public function uses the empty root.
@@ -21,6 +22,7 @@ bool isVirtualApplianceAt(const std::string& root);
 // The uname step of detectOsInfo for a machine name and kernel release.
 void applyUname(OsInfo& out, const char* machine, const char* release);
 
-}  // namespace nuvra::utils::internal
+}  // namespace internal
+}  // namespace nuvra::utils
 
 #endif  // NUVRA_UTILS_INTERNAL_OS_INFO_SEAM_H_

@@ -8,7 +8,8 @@
 
 #include "nuvra/utils/random_source.h"
 
-namespace nuvra::utils::internal {
+namespace nuvra::utils {
+namespace [[gnu::visibility("hidden")]] internal {
 
 class RandomSourceSeam {
   public:
@@ -17,6 +18,7 @@ class RandomSourceSeam {
     static std::unique_ptr<RandomSource> withDevice(const char* devicePath);
 };
 
-}  // namespace nuvra::utils::internal
+}  // namespace internal
+}  // namespace nuvra::utils
 
 #endif  // NUVRA_UTILS_INTERNAL_RANDOM_SOURCE_SEAM_H_
