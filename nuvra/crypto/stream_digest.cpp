@@ -80,7 +80,7 @@ int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t coun
     return result;
 }
 
-}  // namespace internal
+}  // namespace gnu::visibility("hidden")]]internal
 
 void StreamDigest::BufDigest::Sha0Deleter::operator()(void* engine) const {
     delete static_cast<internal::Sha0*>(engine);

@@ -134,11 +134,11 @@ class StreamDigestMD5 : public StreamDigest {
   public:
     // Plain MD5 when `foldUtf8ToLatin1` is false.
     //
-    // When true, each byte written passes through the Latin-1 fold on its own, because the stream hands bytes over one at a time: a
-    // byte 0xC0 to 0xC3 is dropped and every other byte is hashed as it is. Text written as
-    // UTF-8 therefore hashes as Latin-1 for U+0080 to U+00BF; for U+00C0 to U+00FF only the
-    // second UTF-8 byte is hashed ("é", C3 A9, hashes as A9, not E9). Kept: digests stored
-    // by callers were made this way.
+    // When true, each byte written passes through the Latin-1 fold on its own, because the stream
+    // hands bytes over one at a time: a byte 0xC0 to 0xC3 is dropped and every other byte is hashed
+    // as it is. Text written as UTF-8 therefore hashes as Latin-1 for U+0080 to U+00BF; for U+00C0
+    // to U+00FF only the second UTF-8 byte is hashed ("é", C3 A9, hashes as A9, not E9). Kept:
+    // digests stored by callers were made this way.
     explicit StreamDigestMD5(bool foldUtf8ToLatin1);
 
     bool foldsUtf8ToLatin1() const { return foldUtf8ToLatin1_; }

@@ -4,8 +4,8 @@
 #include <new>
 #include <stdexcept>
 
+#include "nuvra/tiny/internal/exception_contract.h"
 #include "nuvra/tiny/internal/mutex_init.h"
-#include "nuvra/utils/internal/exception_contract.h"
 
 namespace nuvra::tiny {
 namespace [[gnu::visibility("hidden")]] internal {
@@ -23,7 +23,7 @@ void throwIfMutexInitFailed(int result) {
     }
 }
 
-}  // namespace internal
+}  // namespace gnu::visibility("hidden")]]internal
 
 namespace {
 
@@ -42,7 +42,7 @@ const pthread_mutexattr_t* recursiveAttributes() {
 }  // namespace
 
 NMutex::NMutex() : mutex_() {
-    utils::internal::withExceptionContract<std::runtime_error, std::bad_alloc>([this] {
+    internal::withExceptionContract<std::runtime_error, std::bad_alloc>([this] {
         internal::throwIfMutexInitFailed(pthread_mutex_init(&mutex_, recursiveAttributes()));
     });
 }

@@ -10,9 +10,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include "nuvra/tiny/internal/exception_contract.h"
 #include "nuvra/tiny/internal/thread_seam.h"
 #include "nuvra/tiny/tls.h"
-#include "nuvra/utils/internal/exception_contract.h"
 
 namespace nuvra::tiny {
 namespace {
@@ -128,7 +128,7 @@ ThreadSystemCalls setThreadSystemCallsForTesting(const ThreadSystemCalls& calls)
     return std::exchange(systemCalls, calls);
 }
 
-}  // namespace internal
+}  // namespace gnu::visibility("hidden")]]internal
 
 const ThreadAttributes defaultThreadAttributes;
 
@@ -172,7 +172,7 @@ void ThreadCallbacks::Ptr::reset() {
 }
 
 ThreadCallbacks::Ptr ThreadCallbacks::instance() {
-    return utils::internal::withExceptionContract<std::runtime_error, std::bad_alloc>([] {
+    return internal::withExceptionContract<std::runtime_error, std::bad_alloc>([] {
         // This reference keeps the registry until exit; start records add their own.
         static const Ptr registry(new ThreadCallbacks());
         return registry;

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "nuvra/utils/internal/paths.h"
+
 namespace nuvra::utils {
 
 // ---------------------------------------------------------------------------------------
@@ -24,14 +26,8 @@ bool DirectoryReader::open(const char* path, uint32_t flags) {
         return false;
     }
     flags_ = flags;
-    dir_ = opendir(path);
-    if (dir_ == nullptr) {
-        return false;
-    }
-    path_ = strdup(path);
-    if (path_ == nullptr) {
-        closedir(dir_);
-        dir_ = nullptr;
+    handle_ = openDir(path);
+    if (handle_ == nullptr) {
         return false;
     }
     open_ = 1;
@@ -42,35 +38,27 @@ dirent64* DirectoryReader::readEntry() {
     if (!isOpen()) {
         return nullptr;
     }
+    // Into the reader's own entry, which stays valid for the caller however the stream's
+    // internal buffer is reused.
     dirent64* result = nullptr;
-// readdir64_r is deprecated, but it fills the reader's own entry, which stays valid for the
-// caller however the stream's internal buffer is reused.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    if (readdir64_r(dir_, &entry_, &result) != 0 || result == nullptr) {
+    if (readDirEntryR(handle_, &entry_, &result) != 0) {
         return nullptr;
-    }
-#pragma GCC diagnostic pop
-    if (result->d_type == DT_UNKNOWN) {
-        fixEntryType(result, path_);
     }
     return result;
 }
 
 bool DirectoryReader::rewind() {
     if (isOpen()) {
-        rewinddir(dir_);
+        rewinddir(handle_->dir);
     }
     return isOpen();
 }
 
 bool DirectoryReader::close() {
-    if (!isOpen() || closedir(dir_) != 0) {
+    if (!isOpen() || internal::closeDirHandle(handle_) != 0) {
         return false;
     }
-    std::free(path_);
-    path_ = nullptr;
-    dir_ = nullptr;
+    handle_ = nullptr;
     flags_ = 0;
     open_ = 0;
     return true;
@@ -88,29 +76,15 @@ constexpr size_t kCwdBufferSize = 512;
 // Matches "." and "..": always the first filter, excluding them.
 const char* const kDotsPattern = R"(^\.\.?$)";
 
-std::string joinPath(const std::string& directory, const char* name) {
-    std::string path = directory;
-    if (path.empty() || path.back() != '/') {
-        path += '/';
-    }
-    path += name;
-    return path;
-}
-
 }  // namespace
 
-// What a filter's expression is matched against; negative kinds exclude on a match.
-enum class DirectoryIterator::Kind : int32_t {
-    kExcludeName = -3,
-    kExcludeRelativePath = -2,
-    kExcludeFullPath = -1,
-    kIncludeFullPath = 1,
-    kIncludeRelativePath = 2,
-    kIncludeName = 3,
-};
+// What a filter's expression is matched against.
+enum class FilterTarget { kName, kRelativePath, kFullPath };
 
 struct DirectoryIterator::Filter {
-    Kind kind;
+    FilterTarget target;
+    // A match rejects the entry (kFilterExclude); otherwise a match lets it through.
+    bool exclude;
     boost::regex expression;
     // The built-in "." and ".." filter, tested without the regular-expression engine.
     bool dots;
@@ -142,15 +116,15 @@ int DirectoryIterator::addFilter(const std::string& pattern, uint32_t flags) {
     if (pattern.empty()) {
         return -1;
     }
-    int32_t magnitude = 3;
+    FilterTarget target = FilterTarget::kName;
     if ((flags & kFilterFullPath) != 0) {
-        magnitude = 1;
+        target = FilterTarget::kFullPath;
     } else if ((flags & kFilterRelativePath) != 0) {
-        magnitude = 2;
+        target = FilterTarget::kRelativePath;
     }
-    const auto kind = static_cast<Kind>((flags & kFilterExclude) != 0 ? -magnitude : magnitude);
+    const bool exclude = (flags & kFilterExclude) != 0;
     try {
-        filters_.push_back(Filter{kind, boost::regex(pattern), false});
+        filters_.push_back(Filter{target, exclude, boost::regex(pattern), false});
     } catch (const boost::regex_error&) {
         return -1;
     }
@@ -161,11 +135,10 @@ bool DirectoryIterator::open(bool includeAll, bool recursive, const std::string&
     closeAll();
     mode_ = (includeAll ? kModeIncludeAll : 0) | (recursive ? kModeRecursive : 0);
     if (root.empty() || root.front() != '/') {
-        char cwd[kCwdBufferSize];
-        if (getcwd(cwd, sizeof cwd) == nullptr) {
+        // An empty root is the working directory itself: its added "/" goes again below.
+        if (!internal::absoluteAgainstCwd(root, kCwdBufferSize, root_)) {
             return false;
         }
-        root_ = root.empty() ? std::string(cwd) : joinPath(cwd, root.c_str());
     } else {
         root_ = root;
     }
@@ -187,12 +160,10 @@ bool DirectoryIterator::accepts(const char* name) const {
     std::string relative;
     bool haveRelative = false;
     for (const Filter& filter : filters_) {
-        const auto kind = static_cast<int32_t>(filter.kind);
-        const int32_t magnitude = kind < 0 ? -kind : kind;
         bool matched = false;
         if (filter.dots) {
             matched = std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-        } else if (magnitude == 3) {
+        } else if (filter.target == FilterTarget::kName) {
             matched = boost::regex_match(name, filter.expression);
         } else {
             if (!haveRelative) {
@@ -204,10 +175,11 @@ bool DirectoryIterator::accepts(const char* name) const {
                 relative += name;
                 haveRelative = true;
             }
-            matched = boost::regex_match(magnitude == 2 ? relative : root_ + "/" + relative,
+            const bool relativeOnly = filter.target == FilterTarget::kRelativePath;
+            matched = boost::regex_match(relativeOnly ? relative : root_ + "/" + relative,
                                          filter.expression);
         }
-        if (kind < 0) {
+        if (filter.exclude) {
             if (matched) {
                 return false;
             }
@@ -239,7 +211,7 @@ bool DirectoryIterator::pushNextAccepted() {
             if (fstatat64(topFd, entry->d_name, &own, AT_SYMLINK_NOFOLLOW) != 0) {
                 continue;
             }
-            entry->d_type = static_cast<unsigned char>(IFTODT(own.st_mode));
+            entry->d_type = internal::entryTypeOf(own.st_mode);
             directory = S_ISDIR(own.st_mode);
         }
         if (entry->d_type == DT_LNK) {
@@ -298,7 +270,7 @@ std::string DirectoryIterator::currentPath() const {
     if (atEnd()) {
         return {};
     }
-    return joinPath(dirs_.back()->path, entries_.back()->d_name);
+    return internal::joinPath(dirs_.back()->path, entries_.back()->d_name);
 }
 
 namespace {

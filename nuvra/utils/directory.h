@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "nuvra/utils/filesystem.h"
+#include "nuvra/utils/dir_handle.h"
 
 namespace nuvra::utils {
 
@@ -58,8 +58,7 @@ class DirectoryReader {
   private:
     int32_t open_ = 0;
     uint32_t flags_ = 0;
-    DIR* dir_ = nullptr;
-    char* path_ = nullptr;
+    DirHandle* handle_ = nullptr;
     dirent64 entry_{};
 };
 
@@ -130,7 +129,6 @@ class DirectoryIterator {
 
   private:
     struct Filter;
-    enum class Kind : int32_t;
 
     bool pushNextAccepted();
     bool accepts(const char* name) const;

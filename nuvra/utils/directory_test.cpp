@@ -9,6 +9,7 @@
 #include <string>
 
 #include "nuvra/testing/temp_dir_test_util.h"
+#include "nuvra/utils/filesystem.h"
 
 namespace nuvra::utils {
 namespace {

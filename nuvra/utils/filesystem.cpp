@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "nuvra/utils/directory.h"
+#include "nuvra/utils/internal/paths.h"
 
 namespace nuvra::utils {
 
@@ -24,38 +25,6 @@ constexpr size_t kCopyBufferSize = 4096;
 constexpr size_t kStreamBufferSize = size_t{1} << 17;
 constexpr size_t kCwdBufferSize = 4096;
 constexpr int kTruncateEagainTries = 3;
-
-// directory + "/" + name, without doubling a '/' the directory already ends with.
-std::string joinPath(const char* directory, const char* name) {
-    std::string path(directory);
-    if (path.empty() || path.back() != '/') {
-        path += '/';
-    }
-    path += name;
-    return path;
-}
-
-// The dirent type for the file type bits of `mode`; DT_UNKNOWN for none of them.
-unsigned char entryTypeOf(mode_t mode) {
-    switch (mode & S_IFMT) {
-        case S_IFREG:
-            return DT_REG;
-        case S_IFDIR:
-            return DT_DIR;
-        case S_IFCHR:
-            return DT_CHR;
-        case S_IFBLK:
-            return DT_BLK;
-        case S_IFIFO:
-            return DT_FIFO;
-        case S_IFLNK:
-            return DT_LNK;
-        case S_IFSOCK:
-            return DT_SOCK;
-        default:
-            return DT_UNKNOWN;
-    }
-}
 
 // Caller-owned stdio buffers for a copy (stdio ignores the size asked for without one);
 // they outlive the streams they are given to.
@@ -98,72 +67,6 @@ void closeCopyStreams(FILE* source, FILE* destination, int savedErrno) {
 }
 
 }  // namespace
-
-DirHandle* openDir(const char* path) {
-    if (path == nullptr) {
-        return nullptr;
-    }
-    // opendir opens its descriptor close-on-exec.
-    DIR* dir = opendir(path);
-    if (dir == nullptr) {
-        return nullptr;
-    }
-    auto* handle = static_cast<DirHandle*>(std::malloc(sizeof(DirHandle)));
-    char* pathCopy = strdup(path);
-    if (handle == nullptr || pathCopy == nullptr) {
-        std::free(handle);
-        std::free(pathCopy);
-        closedir(dir);
-        errno = ENOMEM;
-        return nullptr;
-    }
-    handle->dir = dir;
-    handle->path = pathCopy;
-    return handle;
-}
-
-void closeDir(DirHandle* handle) {
-    if (handle == nullptr) {
-        return;
-    }
-    if (closedir(handle->dir) == 0) {
-        std::free(handle->path);
-        std::free(handle);
-    }
-}
-
-int dirFd(DIR* dir) { return dirfd(dir); }
-
-// A type the file system reports in the entry is already that of the entry itself (links
-// read as DT_LNK), so only entries without one cost an lstat.
-dirent64* readDirEntry(DirHandle* handle) {
-    dirent64* entry = readdir64(handle->dir);
-    if (entry != nullptr && entry->d_type == DT_UNKNOWN) {
-        fixEntryType(entry, handle->path);
-    }
-    return entry;
-}
-
-int readDirEntryR(DirHandle* handle, dirent64* entry, dirent64** result) {
-// readdir64_r is deprecated, but it keeps the entry in the caller's buffer, which the
-// recursive tree walks need while deeper levels read their own directories.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    const int status = readdir64_r(handle->dir, entry, result);
-#pragma GCC diagnostic pop
-    if (status == 0 && *result != nullptr && (*result)->d_type == DT_UNKNOWN) {
-        fixEntryType(*result, handle->path);
-    }
-    return status;
-}
-
-void fixEntryType(dirent64* entry, const char* directoryPath) {
-    const std::string path = joinPath(directoryPath, entry->d_name);
-    struct stat64 info {};
-    if (lstat64(path.c_str(), &info) == 0) {
-        entry->d_type = entryTypeOf(info.st_mode);
-    }
-}
 
 int makeDirectory(const char* path, mode_t mode, uint32_t flags) {
     std::string target(path == nullptr ? "" : path);
@@ -345,14 +248,16 @@ int copyDirectory(const char* source, const std::string& destination, bool recur
     }
     while (dirent64* entry = readDirEntry(handle)) {
         if (entry->d_type == DT_REG) {
-            const std::string from = joinPath(source, entry->d_name);
-            const std::string to = joinPath(destination.c_str(), entry->d_name);
+            const std::string from = internal::joinPath(source, entry->d_name);
+            const std::string to = internal::joinPath(destination, entry->d_name);
             const int copied = copyFile(from.c_str(), to.c_str(), false, false);
             if (copied != kCopyOk) {
                 closeDir(handle);
                 return copied == kCopySourceFailed ? 2 : 3;
             }
         } else if (entry->d_type == DT_DIR && recursive && !isDotOrDotDot(entry->d_name)) {
+            // Not joinPath: sub-directories are named with a "/" after the source however
+            // the source ends, as callers have always seen them in errors and logs.
             const std::string from = std::string(source) + "/" + entry->d_name;
             const std::string to = destination + "/" + entry->d_name;
             const int copied = copyDirectory(from.c_str(), to, true);
@@ -488,16 +393,8 @@ bool makeAbsolutePath(std::string& out, const std::string& path) {
     std::string absolute;
     if (!path.empty() && (path.front() == '/' || path.front() == '\\')) {
         absolute = path;
-    } else {
-        char cwd[kCwdBufferSize];
-        if (getcwd(cwd, sizeof cwd) == nullptr) {
-            return false;
-        }
-        absolute = cwd;
-        if (absolute.empty() || absolute.back() != '/') {
-            absolute += '/';
-        }
-        absolute += path;
+    } else if (!internal::absoluteAgainstCwd(path, kCwdBufferSize, absolute)) {
+        return false;
     }
     out = normalizePath(absolute);
     return true;

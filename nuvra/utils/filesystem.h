@@ -1,8 +1,8 @@
 // nuvra file-system helpers: free functions over the POSIX file-system calls for making,
 // removing and copying directory trees, copying files, touching time stamps, asking about
 // existence, type and size, making paths absolute and tidy, truncating descriptors, and a few
-// descriptor and socket settings. DirHandle, the open-directory record shared with the
-// directory walkers of nuvra/utils/directory.h, lives here too.
+// descriptor and socket settings. The open-directory record DirHandle and its functions are
+// in nuvra/utils/dir_handle.h, which this header includes.
 //
 // Nothing here throws for a file-system failure: each function reports through its result
 // (false, -1, 0, a null pointer or a small status code) and leaves `errno` as the system set
@@ -24,40 +24,10 @@
 #include <ctime>
 #include <string>
 
+#include "nuvra/utils/dir_handle.h"
+
 namespace nuvra::utils {
 
-// An open directory: the stream from opendir and a malloc'ed copy of the path it was opened
-// with (used to lstat entries). Made by openDir, released by closeDir.
-struct DirHandle {
-    DIR* dir;
-    char* path;
-};
-
-// Opens `path` as a directory. Null when `path` is null, opendir fails (errno from it) or
-// memory runs out.
-DirHandle* openDir(const char* path);
-
-// Closes the directory and frees the record. Does nothing for null. When closedir fails the
-// record is left allocated, as it was: the stream may still be usable.
-void closeDir(DirHandle* handle);
-
-// The descriptor under `dir` (dirfd).
-int dirFd(DIR* dir);
-
-// The next entry of the directory, or null at the end or on error. The entry's d_type is
-// that of the entry itself (from lstat where the file system does not report it), so
-// symbolic links always read as DT_LNK. The entry belongs
-// to the stream and is overwritten by the next read.
-dirent64* readDirEntry(DirHandle* handle);
-
-// Reentrant form of readDirEntry into the caller's `entry`: returns the readdir64_r result
-// (0 or an error number); `*result` is `entry`, or null at the end. The type is fixed when
-// an entry was returned.
-int readDirEntryR(DirHandle* handle, dirent64* entry, dirent64** result);
-
-// Sets `entry->d_type` from lstat of directoryPath + "/" + name (the "/" only when the path
-// does not already end with one). When lstat fails the type stays as it was.
-void fixEntryType(dirent64* entry, const char* directoryPath);
 
 // makeDirectory flag: create missing parent directories first.
 constexpr uint32_t kMakeParents = 1;

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <new>
 
+#include "nuvra/tiny/internal/exception_contract.h"
 #include "nuvra/utils/exception.h"
-#include "nuvra/utils/internal/exception_contract.h"
 
 namespace nuvra::utils {
 namespace {
@@ -281,7 +281,7 @@ std::string fromHex(const std::string& text) {
 }
 
 int hexDigitValue(char c) {
-    return internal::withExceptionContract<Exception, std::bad_alloc>([c] {
+    return tiny::internal::withExceptionContract<Exception, std::bad_alloc>([c] {
         const int value = digitValue(c);
         if (value < 0) {
             throw Exception("Wrong hex character.");

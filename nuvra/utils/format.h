@@ -139,7 +139,7 @@ std::string fromHex(const std::string& text);
 //
 // Throws Exception("Wrong hex character.") for any other character. Only Exception and
 // std::bad_alloc may leave; any other exception ends the process. The list is kept in code
-// with internal::withExceptionContract, since C++17 has no throw(...) lists.
+// with tiny::internal::withExceptionContract, since C++17 has no throw(...) lists.
 int hexDigitValue(char c);
 
 // Writes 2 * n digits of `src` to `dst`, without a terminator.

@@ -19,6 +19,7 @@
 #include <limits>
 
 #include "nuvra/utils/internal/host_info_seam.h"
+#include "nuvra/utils/internal/paths.h"
 #include "nuvra/utils/strings.h"
 
 namespace nuvra::utils {
@@ -191,18 +192,12 @@ bool getFileSystemType(const char* path, std::string& type) {
     if (path == nullptr) {
         return false;
     }
-    std::string current;
-    if (path[0] != '/') {
-        char cwd[kCwdBufferSize];
-        if (getcwd(cwd, sizeof cwd) == nullptr) {
-            return false;
-        }
-        current = cwd;
-        if (current.empty() || current.back() != '/') {
-            current += '/';
-        }
+    // A relative path is taken against the working directory as it is, without the tidying
+    // and backslash rule of makeAbsolutePath: the table is searched for the literal prefixes.
+    std::string current = path;
+    if (path[0] != '/' && !internal::absoluteAgainstCwd(path, kCwdBufferSize, current)) {
+        return false;
     }
-    current += path;
     for (;;) {
         if (lookUpFsType(current.c_str(), type)) {
             return true;
@@ -360,6 +355,6 @@ void setLocaleFields(OsInfo& info, const char* name) {
     copyString(info.defaultTerritory, info.territory, sizeof info.defaultTerritory);
 }
 
-}  // namespace internal
+}  // namespace gnu::visibility("hidden")]]internal
 
 }  // namespace nuvra::utils

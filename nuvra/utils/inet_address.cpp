@@ -10,7 +10,7 @@
 #include <sstream>
 #include <utility>
 
-#include "nuvra/utils/internal/exception_contract.h"
+#include "nuvra/tiny/internal/exception_contract.h"
 
 namespace nuvra::utils {
 
@@ -117,7 +117,7 @@ void Inet4Address::print(std::ostream& out) const {
 }
 
 std::string Inet4Address::getHostName() const {
-    return internal::withExceptionContract<CantResolveException, std::bad_alloc>([this] {
+    return tiny::internal::withExceptionContract<CantResolveException, std::bad_alloc>([this] {
         if (m_hostNameKnown) {
             return m_hostName;
         }
@@ -143,7 +143,7 @@ std::string Inet4Address::getHostName() const {
 in_addr_t Inet4Address::toNetworkOrder() const { return htonl(m_address); }
 
 Inet4Address Inet4Address::resolve(const std::string& text) {
-    return internal::withExceptionContract<CantResolveException, std::bad_alloc>([&text] {
+    return tiny::internal::withExceptionContract<CantResolveException, std::bad_alloc>([&text] {
         addrinfo hints = {};
         hints.ai_family = AF_INET;
         uint32_t address = 0;
@@ -209,7 +209,7 @@ void Inet6Address::print(std::ostream& out) const {
 }
 
 std::string Inet6Address::getHostName() const {
-    return internal::withExceptionContract<CantResolveException, std::bad_alloc>([this] {
+    return tiny::internal::withExceptionContract<CantResolveException, std::bad_alloc>([this] {
         if (m_hostNameKnown) {
             return m_hostName;
         }
@@ -236,7 +236,7 @@ std::string Inet6Address::getHostName() const {
 in6_addr Inet6Address::toIn6Addr() const { return m_address; }
 
 Inet6Address Inet6Address::resolve(const std::string& text) {
-    return internal::withExceptionContract<CantResolveException, std::bad_alloc>([&text] {
+    return tiny::internal::withExceptionContract<CantResolveException, std::bad_alloc>([&text] {
         addrinfo hints = {};
         hints.ai_family = AF_INET6;
         in6_addr address = {};

@@ -148,9 +148,9 @@ void Sha160<ScheduleRotation>::compress(const uint8_t* block) {
     }
     for (size_t t = 16; t < 80; ++t) {
         // The rotation here is the only difference between SHA-0 (none) and SHA-1 (one bit).
-        schedule[t] =
-            sha160::rotateLeft(schedule[t - 3] ^ schedule[t - 8] ^ schedule[t - 14] ^ schedule[t - 16],
-                       ScheduleRotation);
+        schedule[t] = sha160::rotateLeft(
+            schedule[t - 3] ^ schedule[t - 8] ^ schedule[t - 14] ^ schedule[t - 16],
+            ScheduleRotation);
     }
 
     uint32_t a = state_[0];
@@ -188,7 +188,7 @@ void Sha160<ScheduleRotation>::compress(const uint8_t* block) {
     state_[4] += e;
 }
 
-}  // namespace internal
+}  // namespace gnu::visibility("hidden")]]internal
 }  // namespace nuvra::crypto
 
 #endif  // NUVRA_CRYPTO_INTERNAL_SHA0_H_

@@ -1,4 +1,4 @@
-#include "nuvra/utils/internal/exception_contract.h"
+#include "nuvra/tiny/internal/exception_contract.h"
 
 #include <new>
 #include <stdexcept>
@@ -12,7 +12,7 @@ namespace {
 // A function whose contract lets only Exception and std::bad_alloc leave.
 template <typename Body>
 int guarded(Body body) {
-    return withExceptionContract<Exception, std::bad_alloc>(body);
+    return tiny::internal::withExceptionContract<Exception, std::bad_alloc>(body);
 }
 
 class DerivedFromException : public Exception {

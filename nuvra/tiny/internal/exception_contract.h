@@ -2,13 +2,13 @@
 //
 // Internal to nuvra: not part of the public interface.
 
-#ifndef NUVRA_UTILS_INTERNAL_EXCEPTION_CONTRACT_H_
-#define NUVRA_UTILS_INTERNAL_EXCEPTION_CONTRACT_H_
+#ifndef NUVRA_TINY_INTERNAL_EXCEPTION_CONTRACT_H_
+#define NUVRA_TINY_INTERNAL_EXCEPTION_CONTRACT_H_
 
 #include <exception>
 #include <utility>
 
-namespace nuvra::utils {
+namespace nuvra::tiny {
 namespace [[gnu::visibility("hidden")]] internal {
 
 // Must be called from inside a catch handler. Rethrows the exception being handled when it
@@ -42,6 +42,6 @@ decltype(auto) withExceptionContract(Body&& body) {
 }
 
 }  // namespace internal
-}  // namespace nuvra::utils
+}  // namespace nuvra::tiny
 
-#endif  // NUVRA_UTILS_INTERNAL_EXCEPTION_CONTRACT_H_
+#endif  // NUVRA_TINY_INTERNAL_EXCEPTION_CONTRACT_H_
