@@ -80,7 +80,7 @@ timespec sleepRequest(int32_t milliseconds) {
     return request;
 }
 
-}  // namespace internal
+}  // namespace gnu::visibility("hidden")]]internal
 
 uint32_t currentTimeMs() {
     timeval now{};
@@ -168,7 +168,7 @@ IntervalTimer::IntervalTimer(int32_t intervalSeconds, uint32_t mode, bool startN
       schedule_(nullptr),
       scheduleIndex_(0),
       startMs_(0),
-      mutex_(new NMutex) {
+      mutex_(std::make_unique<NMutex>()) {
     if (startNow) {
         start();
     }
@@ -180,11 +180,11 @@ IntervalTimer::IntervalTimer(const uint32_t* schedule)
       schedule_(schedule),
       scheduleIndex_(0),
       startMs_(0),
-      mutex_(new NMutex) {
+      mutex_(std::make_unique<NMutex>()) {
     start();
 }
 
-IntervalTimer::~IntervalTimer() { delete mutex_; }
+IntervalTimer::~IntervalTimer() = default;
 
 IntervalTimer& IntervalTimer::operator=(const IntervalTimer& other) {
     if (this == &other) {

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <memory>
 
 namespace nuvra::tiny {
 
@@ -146,7 +147,9 @@ class IntervalTimer {
     const uint32_t* schedule_;
     uint32_t scheduleIndex_;
     uint64_t startMs_;
-    NMutex* const mutex_;  // owned
+    // The timer's lock, allocated on its own as it always has been; held by pointer, so
+    // this header needs no more of NMutex than its name.
+    const std::unique_ptr<NMutex> mutex_;
 };
 
 }  // namespace nuvra::tiny

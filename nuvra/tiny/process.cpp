@@ -16,6 +16,7 @@
 
 #include "nuvra/tiny/clock.h"
 #include "nuvra/tiny/internal/process_seam.h"
+#include "nuvra/tiny/internal/unique_resource.h"
 
 namespace nuvra::tiny {
 namespace {
@@ -82,12 +83,12 @@ bool closeListedInProc(const DescriptorList& list) {
     if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
         return false;
     }
-    DIR* dir = opendir(path);
+    const internal::UniqueDir dir(opendir(path));
     if (dir == nullptr) {
         return false;
     }
-    const int ownFd = dirfd(dir);
-    while (const dirent* entry = readdir(dir)) {
+    const int ownFd = dirfd(dir.get());
+    while (const dirent* entry = readdir(dir.get())) {
         char* end = nullptr;
         errno = 0;
         const long value = std::strtol(entry->d_name, &end, 10);
@@ -103,7 +104,6 @@ bool closeListedInProc(const DescriptorList& list) {
             ::close(fd);
         }
     }
-    closedir(dir);
     return true;
 }
 
@@ -161,7 +161,7 @@ namespace [[gnu::visibility("hidden")]] internal {
 
 void setWaitPollMsForTesting(int32_t milliseconds) { waitPollMs = milliseconds; }
 
-}  // namespace internal
+}  // namespace gnu::visibility("hidden")]]internal
 
 // ---- PipeChannel ----
 

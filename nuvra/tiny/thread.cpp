@@ -48,27 +48,12 @@ struct ThreadStartRecord {
 // Owns the calling thread's start record until the thread ends. A thread_local rather than a
 // local of the start routine: the C library destroys thread_local objects also when the thread
 // ends in pthread_exit, even where it could not unwind the body's frames.
-class StartRecordOwner {
-  public:
-    StartRecordOwner() = default;
-    ~StartRecordOwner() { delete record_; }
-
-    StartRecordOwner(const StartRecordOwner&) = delete;
-    StartRecordOwner& operator=(const StartRecordOwner&) = delete;
-
-    void adopt(ThreadStartRecord* record) { record_ = record; }
-    void release() { delete std::exchange(record_, nullptr); }
-
-  private:
-    ThreadStartRecord* record_ = nullptr;
-};
-
-thread_local StartRecordOwner startRecordOwner;
+thread_local std::unique_ptr<ThreadStartRecord> startRecordOwner;
 
 // Not noexcept: pthread_exit unwinds through it, and a noexcept frame would end the process.
 void* threadStartRoutine(void* argument) {
     auto* record = static_cast<ThreadStartRecord*>(argument);
-    startRecordOwner.adopt(record);
+    startRecordOwner.reset(record);
     const int32_t threadId = currentThreadId();
     // Read once: hooks set later belong to threads started later.
     ThreadCallbacks::StartHook onThreadStart = nullptr;
@@ -81,7 +66,7 @@ void* threadStartRoutine(void* argument) {
     if (onThreadExit != nullptr) {
         onThreadExit(threadId);
     }
-    startRecordOwner.release();
+    startRecordOwner.reset();
     return nullptr;
 }
 
@@ -202,10 +187,9 @@ void getThreadCallbacks(const ThreadCallbacks::Ptr& registry,
         onThreadExit = nullptr;
         return;
     }
-    registry->mutex_.acquire();
+    NMutexLock lock(registry->mutex_);
     onThreadStart = registry->onThreadStart_;
     onThreadExit = registry->onThreadExit_;
-    registry->mutex_.unlock();
 }
 
 bool createThread(ThreadFunction function, void* argument, pthread_t* handle,

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <vector>
 
+#include "nuvra/tiny/internal/unique_resource.h"
 #include "nuvra/utils/directory.h"
 #include "nuvra/utils/internal/paths.h"
 
@@ -28,28 +29,18 @@ constexpr int kTruncateEagainTries = 3;
 
 // Caller-owned stdio buffers for a copy (stdio ignores the size asked for without one);
 // they outlive the streams they are given to.
-class StreamBuffers {
-  public:
-    StreamBuffers() = default;
-    ~StreamBuffers() {
-        std::free(in_);
-        std::free(out_);
-    }
-    StreamBuffers(const StreamBuffers&) = delete;
-    StreamBuffers& operator=(const StreamBuffers&) = delete;
-
+struct StreamBuffers {
     void attach(FILE* in, FILE* out) {
-        in_ = static_cast<char*>(std::malloc(kStreamBufferSize));
-        out_ = static_cast<char*>(std::malloc(kStreamBufferSize));
-        if (in_ != nullptr && out_ != nullptr) {
-            (void)setvbuf(in, in_, _IOFBF, kStreamBufferSize);
-            (void)setvbuf(out, out_, _IOFBF, kStreamBufferSize);
+        input.reset(static_cast<char*>(std::malloc(kStreamBufferSize)));
+        output.reset(static_cast<char*>(std::malloc(kStreamBufferSize)));
+        if (input != nullptr && output != nullptr) {
+            (void)setvbuf(in, input.get(), _IOFBF, kStreamBufferSize);
+            (void)setvbuf(out, output.get(), _IOFBF, kStreamBufferSize);
         }
     }
 
-  private:
-    char* in_ = nullptr;
-    char* out_ = nullptr;
+    tiny::internal::MallocPtr<char> input;
+    tiny::internal::MallocPtr<char> output;
 };
 
 bool isDotOrDotDot(const char* name) {

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "nuvra/tiny/internal/exception_contract.h"
+#include "nuvra/tiny/internal/unique_resource.h"
 #include "nuvra/utils/exception.h"
 
 namespace nuvra::utils {
@@ -60,36 +61,29 @@ int saturatedCount(size_t count) { return count > INT_MAX ? INT_MAX : static_cas
 __attribute__((format(printf, 2, 0))) void appendFormatV(std::string& out, const char* format,
                                                          va_list args) {
     size_t capacity = kInitialFormatCapacity;
-    char* buffer = static_cast<char*>(std::malloc(capacity));
+    tiny::internal::MallocPtr<char> buffer(static_cast<char*>(std::malloc(capacity)));
     if (buffer == nullptr) {
         return;
     }
     for (;;) {
         va_list attempt;
         va_copy(attempt, args);
-        const int length = std::vsnprintf(buffer, capacity, format, attempt);
+        const int length = std::vsnprintf(buffer.get(), capacity, format, attempt);
         va_end(attempt);
         if (length >= 0 && static_cast<size_t>(length) < capacity) {
-            try {
-                out.append(buffer, static_cast<size_t>(length));
-            } catch (...) {
-                std::free(buffer);
-                throw;
-            }
-            std::free(buffer);
+            out.append(buffer.get(), static_cast<size_t>(length));
             return;
         }
         // A negative result names no size: the buffer doubles and the format is tried again,
         // until growing fails.
         const bool canGrow = length >= 0 || capacity <= SIZE_MAX / 2;
         capacity = length >= 0 ? static_cast<size_t>(length) + 1 : 2 * capacity;
-        char* grown = canGrow ? static_cast<char*>(std::realloc(buffer, capacity)) : nullptr;
-        if (grown == nullptr) {
+        if (!canGrow || !tiny::internal::reallocate(buffer, capacity)) {
             // The old buffer is deliberately leaked, not freed: long-standing behaviour that
             // callers rely on.
-            return;  // NOLINT(clang-analyzer-unix.Malloc)
+            static_cast<void>(buffer.release());
+            return;
         }
-        buffer = grown;
     }
 }
 

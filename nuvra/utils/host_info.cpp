@@ -18,6 +18,7 @@
 #include <fstream>
 #include <limits>
 
+#include "nuvra/tiny/internal/unique_resource.h"
 #include "nuvra/utils/internal/host_info_seam.h"
 #include "nuvra/utils/internal/paths.h"
 #include "nuvra/utils/strings.h"
@@ -111,40 +112,6 @@ int64_t parseMemTotal(const char* text) {
     return bytes;
 }
 
-// Owns the malloc'ed interface list buffer of getLocalAddresses.
-class InterfaceBuffer {
-  public:
-    InterfaceBuffer() = default;
-    ~InterfaceBuffer() { std::free(data_); }
-    InterfaceBuffer(const InterfaceBuffer&) = delete;
-    InterfaceBuffer& operator=(const InterfaceBuffer&) = delete;
-
-    bool resize(size_t bytes) {
-        void* grown = std::realloc(data_, bytes);
-        if (grown == nullptr) {
-            return false;
-        }
-        data_ = grown;
-        return true;
-    }
-    void* data() const { return data_; }
-
-  private:
-    void* data_ = nullptr;
-};
-
-// Closes a descriptor on every way out of a scope.
-class SocketCloser {
-  public:
-    explicit SocketCloser(int fd) : fd_(fd) {}
-    ~SocketCloser() { close(fd_); }
-    SocketCloser(const SocketCloser&) = delete;
-    SocketCloser& operator=(const SocketCloser&) = delete;
-
-  private:
-    int fd_;
-};
-
 }  // namespace
 
 void getHostName(char* buf, size_t size) {
@@ -160,15 +127,13 @@ void getFullHostName(char* buf, size_t size) {
     }
     addrinfo hints = {};
     hints.ai_flags = AI_CANONNAME;
-    addrinfo* list = nullptr;
-    const int code = getaddrinfo(names.nodename, nullptr, &hints, &list);
+    addrinfo* found = nullptr;
+    const int code = getaddrinfo(names.nodename, nullptr, &hints, &found);
+    const tiny::internal::AddrInfoPtr list(found);
     if (code == 0 && list != nullptr && list->ai_canonname != nullptr) {
         copyString(buf, list->ai_canonname, size);
     } else {
         copyString(buf, kUnspecifiedHost, size);
-    }
-    if (list != nullptr) {
-        freeaddrinfo(list);
     }
 }
 
@@ -226,15 +191,15 @@ void readLocale(OsInfo& info) {
 bool getLocalAddresses(std::vector<Inet4Address>& out) {
     // Neither tested nor closed; see the header.
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    InterfaceBuffer buffer;
+    tiny::internal::MallocPtr<char> buffer;
     size_t offered = kFirstInterfaceRecords * sizeof(struct ifreq);
     ifconf list = {};
     for (;;) {
-        if (!buffer.resize(offered)) {
+        if (!tiny::internal::reallocate(buffer, offered)) {
             return false;
         }
         list.ifc_len = static_cast<int>(offered);
-        list.ifc_buf = static_cast<char*>(buffer.data());
+        list.ifc_buf = buffer.get();
         if (ioctl(fd, SIOCGIFCONF, &list) < 0) {
             std::perror("SIOCGIFCONF");
             return false;
@@ -263,11 +228,11 @@ bool getLocalAddresses(std::vector<Inet4Address>& out) {
 
 bool getMacAddresses(std::map<std::string, std::string>& out) {
     out.clear();
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const tiny::internal::UniqueFd socketFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const int fd = socketFd.get();
     if (fd < 0) {
         return false;
     }
-    const SocketCloser closer(fd);
     struct ifreq records[kMacInterfaceRecords] = {};
     ifconf list = {};
     list.ifc_len = sizeof records;

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "nuvra/tiny/internal/exception_contract.h"
+#include "nuvra/tiny/internal/unique_resource.h"
 
 namespace nuvra::utils {
 
@@ -20,36 +21,20 @@ namespace {
 constexpr size_t kHostBufferSize = 1025;
 constexpr size_t kIPv6TextBufferSize = 100;
 
-// Frees a getaddrinfo list on every way out of a scope.
-class AddrInfoList {
-  public:
-    AddrInfoList() = default;
-    ~AddrInfoList() {
-        if (list_ != nullptr) {
-            freeaddrinfo(list_);
-        }
-    }
-    AddrInfoList(const AddrInfoList&) = delete;
-    AddrInfoList& operator=(const AddrInfoList&) = delete;
-
-    addrinfo** out() { return &list_; }
-    const addrinfo* first() const { return list_; }
-
-  private:
-    addrinfo* list_ = nullptr;
-};
-
 std::string failureMessage(const char* head, const std::string& host, const char* reason) {
     return std::string(head) + host + " (error " + reason + ")";
 }
 
-// getaddrinfo for `text` with the given hints. Throws the forward-lookup failure when it
-// fails or lists nothing.
-void lookUpOrThrow(const std::string& text, const addrinfo& hints, AddrInfoList& list) {
-    const int code = getaddrinfo(text.c_str(), nullptr, &hints, list.out());
-    if (code != 0 || list.first() == nullptr) {
+// getaddrinfo for `text` with the given hints: the list, never empty. Throws the forward-lookup
+// failure when it fails or lists nothing.
+tiny::internal::AddrInfoPtr lookUpOrThrow(const std::string& text, const addrinfo& hints) {
+    addrinfo* found = nullptr;
+    const int code = getaddrinfo(text.c_str(), nullptr, &hints, &found);
+    tiny::internal::AddrInfoPtr list(found);
+    if (code != 0 || list == nullptr) {
         throw CantResolveException(failureMessage("Cant resolve host: ", text, gai_strerror(code)));
     }
+    return list;
 }
 
 bool isAllZero(const in6_addr& address) {
@@ -152,10 +137,8 @@ Inet4Address Inet4Address::resolve(const std::string& text) {
             address =
                 inet_pton(AF_INET, text.c_str(), &parsed) == 1 ? ntohl(parsed.s_addr) : 0xFFFFFFFFU;
         } else {
-            AddrInfoList list;
-            lookUpOrThrow(text, hints, list);
-            const in_addr found =
-                reinterpret_cast<const sockaddr_in*>(list.first()->ai_addr)->sin_addr;
+            const tiny::internal::AddrInfoPtr list = lookUpOrThrow(text, hints);
+            const in_addr found = reinterpret_cast<const sockaddr_in*>(list->ai_addr)->sin_addr;
             if (found.s_addr == INADDR_NONE) {
                 throw CantResolveException(
                     failureMessage("Resolve ok. No address for host: ", text, gai_strerror(0)));
@@ -222,10 +205,9 @@ std::string Inet6Address::getHostName() const {
         addrinfo hints = {};
         hints.ai_flags = AI_CANONNAME;
         hints.ai_family = AF_INET6;
-        AddrInfoList list;
-        lookUpOrThrow(numeric, hints, list);
+        const tiny::internal::AddrInfoPtr list = lookUpOrThrow(numeric, hints);
         if (!m_hostNameKnown) {
-            const char* canonical = list.first()->ai_canonname;
+            const char* canonical = list->ai_canonname;
             m_hostName = canonical != nullptr ? canonical : numeric;
             m_hostNameKnown = true;
         }
@@ -251,9 +233,8 @@ Inet6Address Inet6Address::resolve(const std::string& text) {
             strcasecmp(text.c_str(), "::") == 0) {
             address = in6addr_any;
         }
-        AddrInfoList list;
-        lookUpOrThrow(text, hints, list);
-        address = reinterpret_cast<const sockaddr_in6*>(list.first()->ai_addr)->sin6_addr;
+        const tiny::internal::AddrInfoPtr list = lookUpOrThrow(text, hints);
+        address = reinterpret_cast<const sockaddr_in6*>(list->ai_addr)->sin6_addr;
         std::memcpy(words, &address, sizeof words);
         return Inet6Address(words, text);
     });

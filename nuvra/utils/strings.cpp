@@ -9,6 +9,8 @@
 #include <cwctype>
 #include <type_traits>
 
+#include "nuvra/tiny/internal/unique_resource.h"
+
 namespace nuvra::utils {
 namespace {
 
@@ -314,11 +316,12 @@ class CaseFoldedSearch {
   public:
     explicit CaseFoldedSearch(const char* pattern) : length_(std::strlen(pattern)) {
         if (length_ >= kLocal) {
-            heap_ = std::malloc((length_ + 1) * (sizeof(int32_t) + 1));
+            heap_.reset(std::malloc((length_ + 1) * (sizeof(int32_t) + 1)));
             if (heap_ == nullptr) {
+                links_ = nullptr;
                 return;
             }
-            links_ = static_cast<int32_t*>(heap_);
+            links_ = static_cast<int32_t*>(heap_.get());
             folded_ = reinterpret_cast<uint8_t*>(links_ + length_ + 1);
         }
         // The NUL is folded too: an empty pattern compares it against the first character.
@@ -327,7 +330,6 @@ class CaseFoldedSearch {
         }
         buildLinks();
     }
-    ~CaseFoldedSearch() { std::free(heap_); }
     CaseFoldedSearch(const CaseFoldedSearch&) = delete;
     CaseFoldedSearch& operator=(const CaseFoldedSearch&) = delete;
 
@@ -393,7 +395,7 @@ class CaseFoldedSearch {
 
     const size_t length_;
     const ByteFolder fold_;
-    void* heap_ = nullptr;
+    tiny::internal::MallocPtr<void> heap_;
     int32_t* links_ = localLinks_;
     uint8_t* folded_ = localFolded_;
     int32_t localLinks_[kLocal];
