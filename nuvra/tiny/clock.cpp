@@ -20,9 +20,9 @@ NMutex tickClockMutex;
 // Guarded by tickClockMutex.
 uint64_t previousTickMs = 0;
 uint64_t tickOffsetMs = 0;
-// Added to the offset when a reading goes backwards. Set to 0 on first use, so a wrap of the
-// kernel's count is not compensated; kept, callers have always measured this way.
-uint64_t tickWrapStepMs = 0;
+// Added to the offset when a reading goes backwards: 0, so a wrap of the kernel's count is
+// not compensated. Kept; callers have always measured this way.
+constexpr uint64_t kTickWrapStepMs = 0;
 internal::TickSource tickSource = nullptr;
 
 std::clock_t readTicks() {
@@ -53,7 +53,6 @@ void setTickSourceForTesting(TickSource source) {
 
 uint64_t tickRate() {
     static const uint64_t rate = [] {
-        tickWrapStepMs = 0;
         const long perSecond = sysconf(_SC_CLK_TCK);
         // Linux always answers; 100 is its rate wherever it might not.
         return perSecond > 0 ? static_cast<uint64_t>(perSecond) : uint64_t{100};
@@ -101,7 +100,7 @@ uint64_t tickClockMs() {
     const auto ticks = static_cast<int64_t>(static_cast<int32_t>(readTicks()));
     const uint64_t nowMs = static_cast<uint64_t>(ticks * 1000) / rate;
     if (nowMs < previousTickMs) {
-        tickOffsetMs += tickWrapStepMs;
+        tickOffsetMs += kTickWrapStepMs;
     }
     previousTickMs = nowMs;
     return nowMs + tickOffsetMs;

@@ -21,9 +21,6 @@
 namespace nuvra::tiny {
 namespace {
 
-constexpr uint32_t kModeRead = 1;
-constexpr uint32_t kModeWrite = 2;
-constexpr uint32_t kModeShared = kModeRead | kModeWrite;
 constexpr int kExecEagainTries = 3;
 constexpr uint32_t kNoLimitSeconds = 0xFFFFFFFFu;
 constexpr uint64_t kMaxWaitMs = 0xFFFFFFFFu;
@@ -191,11 +188,11 @@ bool PipeChannel::attach(const PipeSpec& spec, int descriptor) {
         return false;
     }
     mode = spec.mode;
-    if ((mode & kModeRead) != 0) {
+    if ((mode & PipeSpec::kModeRead) != 0) {
         readFd = descriptor;
         readOpen = true;
     }
-    if ((mode & kModeWrite) != 0) {
+    if ((mode & PipeSpec::kModeWrite) != 0) {
         writeFd = descriptor;
         writeOpen = true;
     }
@@ -214,7 +211,7 @@ bool PipeChannel::closeEnd(int end) {
         return false;
     }
     isOpen = false;
-    if (mode == kModeShared) {
+    if (mode == PipeSpec::kModeShared) {
         // Both ends are one descriptor, which is now closed.
         readOpen = false;
         writeOpen = false;
@@ -276,16 +273,16 @@ ChildProcess::ChildProcess(uint32_t flags, int priority, DescriptorList* keepLis
     : flags_(flags), priority_(priority), keepList_(keepList) {
     if ((flags_ & RedirectStdio) != 0) {
         PipeSpec input;
-        input.mode = kModeRead;
+        input.mode = PipeSpec::kModeRead;
         PipeSpec output;
-        output.mode = kModeWrite;
+        output.mode = PipeSpec::kModeWrite;
         const bool inputOpen = stdinPipe_.open(input);
         const bool outputOpen = stdoutPipe_.open(output);
         stdioReady_ = inputOpen && outputOpen;
     }
     if ((flags_ & RedirectStderr) != 0) {
         PipeSpec errors;
-        errors.mode = kModeWrite;
+        errors.mode = PipeSpec::kModeWrite;
         stderrReady_ = stderrPipe_.open(errors);
     }
 }

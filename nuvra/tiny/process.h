@@ -29,8 +29,13 @@ namespace nuvra::tiny {
 // What a PipeChannel is opened from. The buffer size is carried for callers that size their
 // own buffers by it; the channel does not use it.
 struct PipeSpec {
+    // Values of `mode` (see PipeChannel).
+    static constexpr uint32_t kModeRead = 1;
+    static constexpr uint32_t kModeWrite = 2;
+    static constexpr uint32_t kModeShared = kModeRead | kModeWrite;
+
     std::string name;  // empty: an anonymous pipe (the only kind supported)
-    uint32_t mode = 3;
+    uint32_t mode = kModeShared;
     uint32_t bufferSize = 4096;
 };
 

@@ -227,15 +227,15 @@ int copyFile(const char* source, const char* destination, bool failIfExists, boo
 
 int copyDirectory(const char* source, const std::string& destination, bool recursive) {
     if (source == nullptr) {
-        return 1;
+        return kCopyDirectoryFailed;
     }
     if (access(destination.c_str(), F_OK) != 0 &&
         makeDirectory(destination.c_str(), 0700, recursive ? kMakeParents : 0) == -1) {
-        return 1;
+        return kCopyDirectoryFailed;
     }
     DirHandle* handle = openDir(source);
     if (handle == nullptr) {
-        return 1;
+        return kCopyDirectoryFailed;
     }
     while (dirent64* entry = readDirEntry(handle)) {
         if (entry->d_type == DT_REG) {
@@ -244,7 +244,8 @@ int copyDirectory(const char* source, const std::string& destination, bool recur
             const int copied = copyFile(from.c_str(), to.c_str(), false, false);
             if (copied != kCopyOk) {
                 closeDir(handle);
-                return copied == kCopySourceFailed ? 2 : 3;
+                return copied == kCopySourceFailed ? kCopyDirectoryReadFailed
+                                                   : kCopyDirectoryWriteFailed;
             }
         } else if (entry->d_type == DT_DIR && recursive && !isDotOrDotDot(entry->d_name)) {
             // Not joinPath: sub-directories are named with a "/" after the source however
@@ -252,7 +253,7 @@ int copyDirectory(const char* source, const std::string& destination, bool recur
             const std::string from = std::string(source) + "/" + entry->d_name;
             const std::string to = destination + "/" + entry->d_name;
             const int copied = copyDirectory(from.c_str(), to, true);
-            if (copied != 0) {
+            if (copied != kCopyDirectoryOk) {
                 closeDir(handle);
                 return copied;
             }
@@ -261,7 +262,7 @@ int copyDirectory(const char* source, const std::string& destination, bool recur
     }
     closeDir(handle);
     // A handle whose closedir failed is kept on purpose (see closeDir).
-    return 0;  // NOLINT(clang-analyzer-unix.Malloc)
+    return kCopyDirectoryOk;  // NOLINT(clang-analyzer-unix.Malloc)
 }
 
 bool touchFile(const std::string& path, time_t time, uint32_t flags) {

@@ -28,7 +28,6 @@
 
 namespace nuvra::utils {
 
-
 // makeDirectory flag: create missing parent directories first.
 constexpr uint32_t kMakeParents = 1;
 
@@ -73,8 +72,13 @@ int copyFile(const char* source, const char* destination, bool failIfExists, boo
 // Copies the regular files of `source` into `destination`, which is made (mode 0700, with
 // parents when `recursive`) when missing; with `recursive`, sub-directories are copied the
 // same way. Symbolic links, devices, FIFOs and sockets are skipped. Copied files get the
-// default creation mode. Stops at the first failure: 0 success, 1 `source` (or making
-// `destination`) failed, 2 reading a file failed, 3 writing a file failed.
+// default creation mode. Stops at the first failure and returns its code: kCopyDirectoryOk,
+// kCopyDirectoryFailed (`source` could not be opened or `destination` made),
+// kCopyDirectoryReadFailed (reading a file failed) or kCopyDirectoryWriteFailed (writing one).
+constexpr int kCopyDirectoryOk = 0;
+constexpr int kCopyDirectoryFailed = 1;
+constexpr int kCopyDirectoryReadFailed = 2;
+constexpr int kCopyDirectoryWriteFailed = 3;
 int copyDirectory(const char* source, const std::string& destination, bool recursive);
 
 // touchFile flags: which time stamps get `time`.

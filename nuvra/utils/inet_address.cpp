@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <netdb.h>
-#include <strings.h>
 #include <sys/socket.h>
 
 #include <cstring>
@@ -221,20 +220,10 @@ Inet6Address Inet6Address::resolve(const std::string& text) {
     return tiny::internal::withExceptionContract<CantResolveException, std::bad_alloc>([&text] {
         addrinfo hints = {};
         hints.ai_family = AF_INET6;
-        in6_addr address = {};
-        uint32_t words[4];
-        if (isNumeric(text) && inet_pton(AF_INET6, text.c_str(), &address) == 1) {
-            std::memcpy(words, &address, sizeof words);
-            return Inet6Address(words, text);
-        }
-        // Only a fallback for a resolver that would answer without an address; getaddrinfo's
-        // answer replaces it.
-        if (text.empty() || strcasecmp(text.c_str(), "0") == 0 ||
-            strcasecmp(text.c_str(), "::") == 0) {
-            address = in6addr_any;
-        }
+        // Literals are looked up too: isNumeric recognises none, so getaddrinfo parses them.
         const tiny::internal::AddrInfoPtr list = lookUpOrThrow(text, hints);
-        address = reinterpret_cast<const sockaddr_in6*>(list->ai_addr)->sin6_addr;
+        const in6_addr address = reinterpret_cast<const sockaddr_in6*>(list->ai_addr)->sin6_addr;
+        uint32_t words[4];
         std::memcpy(words, &address, sizeof words);
         return Inet6Address(words, text);
     });

@@ -16,35 +16,49 @@
 namespace nuvra::utils {
 namespace {
 
+// How a row's description is made once its pattern matched.
+enum class Describe {
+    kFirstLine,      // the first line of the file
+    kDebianVersion,  // the first line, prefixed "Debian GNU/Linux " when it is a bare version
+    kUbuntuRelease,  // the text after "=" on the first line, a blank and "major.minor"
+};
+
 struct ReleaseRow {
     const char* file;
     const char* pattern;
     const char* distributionId;
     const char* packageType;
+    Describe describe;
 };
+
+// One to three dot-separated version numbers, captured.
+#define NUVRA_RELEASE_VERSION R"((\d+)(?:\.(\d+)(?:\.(\d+))?)?)"
 
 // Tried in this order; the first match wins. CentOS comes before Red Hat on the same file so
 // that a CentOS system is never reported as Red Hat.
 const ReleaseRow kRows[] = {
-    {"/etc/fedora-release", R"(Fedora.*release.* (\d+)(?:\.(\d+)(?:\.(\d+))?)?)", "FEDORA_LINUX",
-     "PACKAGE_RPM"},
-    {"/etc/redhat-release", R"(CentOS.*release.* (\d+)(?:\.(\d+)(?:\.(\d+))?)?)", "CENTOS_LINUX",
-     "PACKAGE_RPM"},
-    {"/etc/redhat-release", R"(Red.*Hat.* (\d+)(?:\.(\d+)(?:\.(\d+))?)?)", "REDHAT_LINUX",
-     "PACKAGE_RPM"},
-    {"/etc/mandrake-release", R"(Mandrake.* (\d+)(?:\.(\d+)(?:\.(\d+))?)?)", "MANDRAKE_LINUX",
-     "PACKAGE_RPM"},
-    {"/etc/SuSE-release", R"(SuSE.* (\d+)(?:\.(\d+)(?:\.(\d+))?)?)", "SUSE_LINUX", "PACKAGE_RPM"},
-    {"/etc/UnitedLinux-release", R"(UnitedLinux.* (\d+)(?:\.(\d+)(?:\.(\d+))?)?)", "UNITED_LINUX",
-     "PACKAGE_RPM"},
-    {"/etc/slackware-version", R"(^(\d+)(?:\.(\d+)(?:\.(\d+))?)?)", "SLACKWARE_LINUX",
-     "PACKAGE_TGZ"},
-    {"/etc/lsb-release", R"(DISTRIB_ID=Ubuntu.*DISTRIB_RELEASE=(\d+)(?:\.(\d+)(?:\.(\d+))?)?.*)",
-     "UBUNTU_LINUX", "PACKAGE_DEB"},
-    {"/etc/debian_version", R"(^(\d+)(?:\.(\d+)(?:\.(\d+))?)?)", "DEBIAN_LINUX", "PACKAGE_DEB"},
+    {"/etc/fedora-release", "Fedora.*release.* " NUVRA_RELEASE_VERSION, "FEDORA_LINUX",
+     "PACKAGE_RPM", Describe::kFirstLine},
+    {"/etc/redhat-release", "CentOS.*release.* " NUVRA_RELEASE_VERSION, "CENTOS_LINUX",
+     "PACKAGE_RPM", Describe::kFirstLine},
+    {"/etc/redhat-release", "Red.*Hat.* " NUVRA_RELEASE_VERSION, "REDHAT_LINUX", "PACKAGE_RPM",
+     Describe::kFirstLine},
+    {"/etc/mandrake-release", "Mandrake.* " NUVRA_RELEASE_VERSION, "MANDRAKE_LINUX", "PACKAGE_RPM",
+     Describe::kFirstLine},
+    {"/etc/SuSE-release", "SuSE.* " NUVRA_RELEASE_VERSION, "SUSE_LINUX", "PACKAGE_RPM",
+     Describe::kFirstLine},
+    {"/etc/UnitedLinux-release", "UnitedLinux.* " NUVRA_RELEASE_VERSION, "UNITED_LINUX",
+     "PACKAGE_RPM", Describe::kFirstLine},
+    {"/etc/slackware-version", "^" NUVRA_RELEASE_VERSION, "SLACKWARE_LINUX", "PACKAGE_TGZ",
+     Describe::kFirstLine},
+    {"/etc/lsb-release", "DISTRIB_ID=Ubuntu.*DISTRIB_RELEASE=" NUVRA_RELEASE_VERSION ".*",
+     "UBUNTU_LINUX", "PACKAGE_DEB", Describe::kUbuntuRelease},
+    {"/etc/debian_version", "^" NUVRA_RELEASE_VERSION, "DEBIAN_LINUX", "PACKAGE_DEB",
+     Describe::kDebianVersion},
 };
-constexpr const char* kUbuntuFile = "/etc/lsb-release";
-constexpr const char* kDebianFile = "/etc/debian_version";
+
+#undef NUVRA_RELEASE_VERSION
+
 constexpr const char* kApplianceMarker = "/etc/nuvra-vmware-va";
 constexpr const char* kApplianceSuffix = " (Nuvra VA)";
 constexpr size_t kReadChunk = 4096;
@@ -75,17 +89,26 @@ bool readWholeFile(const std::string& path, std::string& content) {
     return !readFailed;
 }
 
-// The Ubuntu row's description: the text after the first "=" of the first line, a blank and
-// "major.minor".
-void describeUbuntu(std::string& description, const std::string& major, const std::string& minor) {
-    const size_t equals = description.find('=');
-    if (equals != std::string::npos) {
-        description.erase(0, equals + 1);
+// Turns out.description, the first line of the row's file, into the row's description.
+void describe(Describe how, const std::string (&captures)[3], OsInfo& out) {
+    std::string& description = out.description;
+    switch (how) {
+        case Describe::kFirstLine:
+            break;
+        case Describe::kDebianVersion:
+            if (description.empty() || (description[0] >= '0' && description[0] <= '9')) {
+                out.description.insert(0, "Debian GNU/Linux ");
+            }
+            break;
+        case Describe::kUbuntuRelease: {
+            const size_t equals = description.find('=');
+            if (equals != std::string::npos) {
+                description.erase(0, equals + 1);
+            }
+            description += ' ' + captures[0] + '.' + captures[1];
+            break;
+        }
     }
-    description += ' ';
-    description += major;
-    description += '.';
-    description += minor;
 }
 
 }  // namespace
@@ -183,37 +206,23 @@ void detectOsInfoAt(OsInfo& out, const std::string& root) {
     }
 
     for (const ReleaseRow& row : kRows) {
-        const std::string path = root + row.file;
-        bool matched = false;
-        if (std::strcmp(row.file, kUbuntuFile) == 0) {
-            std::string captures[3];
-            matched = searchReleaseFile(path, row.pattern, captures[0], captures[1], captures[2],
-                                        out.description);
-            if (matched) {
-                describeUbuntu(out.description, captures[0], captures[1]);
-                captureToInt(captures[0], out.versionMajor);
-                captureToInt(captures[1], out.versionMinor);
-                captureToInt(captures[2], out.versionPatch);
-            }
-        } else {
-            matched = matchReleaseFile(path, row.pattern, out.versionMajor, out.versionMinor,
-                                       out.versionPatch, out.description);
-            if (matched && std::strcmp(row.file, kDebianFile) == 0 &&
-                (out.description.empty() ||
-                 (out.description[0] >= '0' && out.description[0] <= '9'))) {
-                out.description.insert(0, "Debian GNU/Linux ");
-            }
+        std::string captures[3];
+        if (!searchReleaseFile(root + row.file, row.pattern, captures[0], captures[1], captures[2],
+                               out.description)) {
+            continue;
         }
-        if (matched) {
-            out.distributionId = row.distributionId;
-            out.packageType = row.packageType;
-            if (isVirtualApplianceAt(root)) {
-                out.description += kApplianceSuffix;
-            }
-            return;
+        captureToInt(captures[0], out.versionMajor);
+        captureToInt(captures[1], out.versionMinor);
+        captureToInt(captures[2], out.versionPatch);
+        describe(row.describe, captures, out);
+        out.distributionId = row.distributionId;
+        out.packageType = row.packageType;
+        if (isVirtualApplianceAt(root)) {
+            out.description += kApplianceSuffix;
         }
+        return;
     }
 }
 
-}  // namespace internal
+}  // namespace gnu::visibility("hidden")]]internal
 }  // namespace nuvra::utils
