@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,7 +11,7 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "nuvra/testing/spawn_test_util.h"
-#include "nuvra/utils/internal/random_source_seam.h"
+#include "nuvra/utils/random_source.h"
 #include "nuvra/utils/uuid.h"
 
 namespace {
@@ -102,7 +103,7 @@ TEST(NuvraGuid, PrintsAGuidWithoutTheRandomDevice) {
         // No private mount namespace here: the tool's own steps in this process instead,
         // over a device path that does not exist.
         const auto source =
-            nuvra::utils::internal::RandomSourceSeam::withDevice("/nonexistent/nuvra-random");
+            std::make_unique<nuvra::utils::RandomSource>("/nonexistent/nuvra-random");
         EXPECT_FALSE(source->haveDevice());
         EXPECT_THAT(nuvra::utils::Uuid().toString() + "\n", MatchesRegex(kGuidLine));
         return;

@@ -17,7 +17,6 @@
 #include "nuvra/crypto/stream_digest.h"
 #include "nuvra/tiny/clock.h"
 #include "nuvra/tiny/tls.h"
-#include "nuvra/utils/internal/random_source_seam.h"
 
 namespace nuvra::utils {
 namespace {
@@ -191,13 +190,5 @@ std::string RandomSource::makeUniqueId(uint32_t length) {
            << uniqueIdSequence.fetch_add(1, std::memory_order_relaxed);
     return digest.hexDigest(false).substr(0, length);
 }
-
-namespace [[gnu::visibility("hidden")]] internal {
-
-std::unique_ptr<RandomSource> RandomSourceSeam::withDevice(const char* devicePath) {
-    return std::unique_ptr<RandomSource>(new RandomSource(devicePath));
-}
-
-}  // namespace internal
 
 }  // namespace nuvra::utils

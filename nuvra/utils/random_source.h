@@ -14,10 +14,6 @@
 
 namespace nuvra::utils {
 
-namespace [[gnu::visibility("hidden")]] internal {
-class RandomSourceSeam;
-}  // namespace internal
-
 // WARNING: one object is used by one thread at a time. The rand() fallback is one
 // process-wide generator, so its numbers are not independent between threads.
 class RandomSource {
@@ -25,6 +21,11 @@ class RandomSource {
     // Opens the device, close-on-exec. Without it, seeds rand() for the calling thread,
     // unless this thread was seeded before (then seed() stays 0).
     RandomSource();
+
+    // As RandomSource(), reading `devicePath` instead of "/dev/urandom": another random
+    // device, or a file of known bytes. A path that cannot be opened makes it fall back as a
+    // missing device does.
+    explicit RandomSource(const char* devicePath);
     // Closes the device if it was opened.
     ~RandomSource();
 
@@ -68,9 +69,6 @@ class RandomSource {
     uint32_t requestCount() const { return requestCount_; }
 
   private:
-    friend class internal::RandomSourceSeam;
-
-    explicit RandomSource(const char* devicePath);
     void seedThisThreadOnce();
 
     std::ifstream stream_;

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <set>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -16,12 +17,10 @@
 #include "gtest/gtest.h"
 #include "nuvra/tiny/clock.h"
 #include "nuvra/tiny/tls.h"
-#include "nuvra/utils/internal/random_source_seam.h"
 
 namespace nuvra::utils {
 namespace {
 
-using internal::RandomSourceSeam;
 using ::testing::MatchesRegex;
 
 // The bytes a source built over a device file skips or keeps as its seed.
@@ -63,7 +62,7 @@ std::string md5Hex(const std::string& bytes) {
 
 TEST(RandomSourceDevice, SkipsTheFirstByteAndKeepsTheNextWordAsSeed) {
     const DeviceFile device(kHeader + "\x10\x20");
-    const auto source = RandomSourceSeam::withDevice(device.path());
+    const auto source = std::make_unique<RandomSource>(device.path());
     EXPECT_TRUE(source->haveDevice());
     uint32_t expectedSeed = 0;
     std::memcpy(&expectedSeed, kHeader.data() + 1, 4);
@@ -94,7 +93,7 @@ int descriptorOf(const std::string& path) {
 
 TEST(RandomSourceDevice, ReadsOnlyWhatItNeedsAndClosesOnExec) {
     const DeviceFile device(kHeader + "abcdef");
-    const auto source = RandomSourceSeam::withDevice(device.path());
+    const auto source = std::make_unique<RandomSource>(device.path());
     const int fd = descriptorOf(device.path());
     ASSERT_GE(fd, 0);
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << "the device would leak into child programs";
@@ -111,7 +110,7 @@ TEST(RandomSourceDevice, WordsAddSignExtendedBytes) {
                             std::string("\x00\x00\x00\x80", 4) +
                             std::string("\x00\x00\x01\x80", 4) + std::string(8, '\xff') +
                             std::string("\x00\x00\x00\x00\x00\x00\x01\x80", 8));
-    const auto source = RandomSourceSeam::withDevice(device.path());
+    const auto source = std::make_unique<RandomSource>(device.path());
     EXPECT_EQ(source->getUInt32(), 0xFEFEFEFFu);
     EXPECT_EQ(source->nextUInt32(), 0xFFFFFF80u);
     EXPECT_EQ(source->getUInt32(), 0x00000080u);
@@ -121,7 +120,7 @@ TEST(RandomSourceDevice, WordsAddSignExtendedBytes) {
 
 TEST(RandomSourceDevice, GetBytesCountsEveryRequest) {
     const DeviceFile device(kHeader + "abcdef");
-    const auto source = RandomSourceSeam::withDevice(device.path());
+    const auto source = std::make_unique<RandomSource>(device.path());
     std::string out = "stale";
     EXPECT_EQ(source->getBytes(out, 0), "");
     EXPECT_EQ(source->getBytes(out, -1), "");
@@ -132,7 +131,7 @@ TEST(RandomSourceDevice, GetBytesCountsEveryRequest) {
 
 TEST(RandomSourceDevice, ShortDeviceRepeatsItsLastByteThenAppendsAFullFreshCount) {
     const DeviceFile device(kHeader + "xy");
-    const auto source = RandomSourceSeam::withDevice(device.path());
+    const auto source = std::make_unique<RandomSource>(device.path());
     std::string out;
     source->getBytes(out, 4);
     // "x", "y", "y" again from the failed read, then 4 bytes from RAND_bytes.
@@ -151,7 +150,7 @@ TEST(RandomSourceDevice, RandomTextIsTheMd5OfEachRoundsBytes) {
         bytes += static_cast<char>(i * 7);
     }
     const DeviceFile device(kHeader + bytes);
-    const auto source = RandomSourceSeam::withDevice(device.path());
+    const auto source = std::make_unique<RandomSource>(device.path());
     std::string text;
     EXPECT_EQ(source->getRandomText(text, 0), "");
     EXPECT_EQ(source->requestCount(), 0u);  // no random data read
@@ -161,7 +160,7 @@ TEST(RandomSourceDevice, RandomTextIsTheMd5OfEachRoundsBytes) {
 }
 
 TEST(RandomSourceFallback, WithoutDeviceUsesRandAndRandBytes) {
-    const auto source = RandomSourceSeam::withDevice("/nonexistent/nuvra-random");
+    const auto source = std::make_unique<RandomSource>("/nonexistent/nuvra-random");
     EXPECT_FALSE(source->haveDevice());
     std::string out;
     EXPECT_EQ(source->getBytes(out, 16).size(), 16u);
@@ -187,14 +186,14 @@ SeedingInThread seedTwiceInNewThread() {
     SeedingInThread seen;
     std::thread([&seen] {
         const uint32_t before = tiny::currentTimeMs();
-        const auto first = RandomSourceSeam::withDevice("/nonexistent/nuvra-random");
+        const auto first = std::make_unique<RandomSource>("/nonexistent/nuvra-random");
         seen.constructionMs = tiny::currentTimeMs() - before;
         seen.firstSeed = first->seed();
         const auto process = static_cast<uint32_t>(tiny::currentProcessId());
         const auto thread = static_cast<uint32_t>(tiny::currentThreadId());
         seen.clockTermOffset = (seen.firstSeed ^ ((process ^ thread) << 16) ^ thread) - before;
         const int afterFirst = std::rand();
-        const auto second = RandomSourceSeam::withDevice("/nonexistent/nuvra-random");
+        const auto second = std::make_unique<RandomSource>("/nonexistent/nuvra-random");
         seen.secondSeed = second->seed();
         const int afterSecond = std::rand();
         std::srand(seen.firstSeed);
