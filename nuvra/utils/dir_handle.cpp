@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "nuvra/utils/internal/dir_handle_close.h"
 #include "nuvra/utils/internal/paths.h"
 
 namespace nuvra::utils {

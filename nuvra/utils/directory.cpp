@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "nuvra/utils/internal/dir_handle_close.h"
 #include "nuvra/utils/internal/paths.h"
 
 namespace nuvra::utils {

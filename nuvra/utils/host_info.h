@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "nuvra/utils/inet_address.h"
-#include "nuvra/utils/os_info.h"
+#include "nuvra/utils/os_info_record.h"
 
 namespace nuvra::utils {
 

@@ -113,15 +113,6 @@ void describe(Describe how, const std::string (&captures)[3], OsInfo& out) {
 
 }  // namespace
 
-const VirtInfo& OsInfo::getVirtInfo(const std::string& vmdPath) {
-    if (!virtInfoValid || vmdPath != virtInfoProbePath) {
-        virtInfo = VmInfo::getVirtInfo(vmdPath);
-        virtInfoProbePath = vmdPath;
-        virtInfoValid = true;
-    }
-    return virtInfo;
-}
-
 bool searchReleaseFile(const std::string& path, const std::string& pattern, std::string& capture1,
                        std::string& capture2, std::string& capture3, std::string& description) {
     capture1.clear();

@@ -1,10 +1,5 @@
-// nuvra::utils::OsInfo: the description of the running Linux system, one record filled in
-// place by the host and OS detection functions, and detectOsInfo, which fills it.
-//
-// The record holds the distribution's description, identifier and version, the package
-// format, the platform string, the kernel version, the processor count, the environment's
-// locale and a cached hypervisor result. Its fields are public so that the functions that
-// fill it can write them directly; readers use the accessors.
+// Distribution detection: detectOsInfo, which fills the OsInfo record of the running Linux
+// system (nuvra/utils/os_info_record.h, included here), and the release-file search it uses.
 //
 // The distribution is recognised by searching a fixed list of release files under /etc with
 // case-insensitive Perl-syntax regular expressions over the whole file ("." also matches a
@@ -23,71 +18,9 @@
 #include <cstdint>
 #include <string>
 
-#include "nuvra/utils/virt_info.h"
+#include "nuvra/utils/os_info_record.h"
 
 namespace nuvra::utils {
-
-// The default value is what detection starts from: a generic "Linux" system of unknown
-// distribution and package format, with empty platform, kernel version and locale. Copyable.
-struct OsInfo {
-    // Room for an 8-character locale token and its terminating zero.
-    static constexpr int kLocaleFieldSize = 9;
-
-    std::string description = "Linux";
-    uint32_t osCode = 0x40;
-    uint32_t osFamilyMask = 0xC0C0;
-    int versionMajor = 0;
-    int versionMinor = 0;
-    int versionPatch = 0;
-    std::string platform;
-    // Left empty by detection; other parts of a larger system fill or read it.
-    std::string extraText1;
-    std::string distributionId = "LINUX";
-    // Left empty by detection, like extraText1.
-    std::string extraText2;
-    char language[kLocaleFieldSize] = {};
-    char territory[kLocaleFieldSize] = {};
-    char defaultLanguage[kLocaleFieldSize] = {};
-    char defaultTerritory[kLocaleFieldSize] = {};
-    VirtInfo virtInfo;
-    bool virtInfoValid = false;
-    std::string virtInfoProbePath;
-    std::string kernelVersion;
-    std::string packageType = "PACKAGE_OTHER";
-    // sysconf(_SC_NPROCESSORS_ONLN) once detection has run; a long, as sysconf gives it.
-    long processorCount = 0;
-    // 0 = 32-bit x86, 1 = anything else, 2 = x86_64; written only when uname succeeds.
-    int architecture = 0;
-
-    const std::string& getDescription() const { return description; }
-    uint32_t getOsCode() const { return osCode; }
-    uint32_t getOsFamilyMask() const { return osFamilyMask; }
-    int getVersionMajor() const { return versionMajor; }
-    int getVersionMinor() const { return versionMinor; }
-    int getVersionPatch() const { return versionPatch; }
-    const std::string& getPlatform() const { return platform; }
-    const std::string& getExtraText1() const { return extraText1; }
-    const std::string& getDistributionId() const { return distributionId; }
-    const std::string& getExtraText2() const { return extraText2; }
-    // The locale fields are NUL-terminated, possibly empty, texts of at most 8 characters.
-    const char* getLanguage() const { return language; }
-    const char* getTerritory() const { return territory; }
-    const char* getDefaultLanguage() const { return defaultLanguage; }
-    const char* getDefaultTerritory() const { return defaultTerritory; }
-    const VirtInfo& getCachedVirtInfo() const { return virtInfo; }
-    bool getVirtInfoValid() const { return virtInfoValid; }
-    const std::string& getVirtInfoProbePath() const { return virtInfoProbePath; }
-    const std::string& getKernelVersion() const { return kernelVersion; }
-    const std::string& getPackageType() const { return packageType; }
-    long getProcessorCount() const { return processorCount; }
-    int getArchitecture() const { return architecture; }
-
-    // The hypervisor result for the probe `vmdPath`: runs VmInfo::getVirtInfo only when no
-    // result is stored yet or it was obtained with another probe path, then stores the result
-    // and the path. Returns the stored result. See nuvra/utils/virt_info.h for how long a
-    // detection can take.
-    const VirtInfo& getVirtInfo(const std::string& vmdPath);
-};
 
 // Resets `out` to the defaults and fills it: the locale (readLocale), the processor count
 // (sysconf), then from uname the platform ("LINUX.X64" for an x86_64 machine, "LINUX.X86" for

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "nuvra/utils/os_info.h"
+#include "nuvra/utils/os_info_record.h"
 
 namespace nuvra::utils {
 namespace [[gnu::visibility("hidden")]] internal {
@@ -18,7 +18,7 @@ bool getTotalMemoryFrom(const char* path, int64_t* bytes);
 // them from the locale name `name`. A null name, "C" and "POSIX" leave them empty.
 void setLocaleFields(OsInfo& info, const char* name);
 
-}  // namespace internal
+}  // namespace gnu::visibility("hidden")]]internal
 }  // namespace nuvra::utils
 
 #endif  // NUVRA_UTILS_INTERNAL_HOST_INFO_SEAM_H_

@@ -1,5 +1,4 @@
-// Path, directory-entry and directory-record helpers shared by the file-system, directory
-// and host code.
+// Path and directory-entry helpers shared by the file-system, directory and host code.
 // Internal to nuvra.
 
 #ifndef NUVRA_UTILS_INTERNAL_PATHS_H_
@@ -9,8 +8,6 @@
 
 #include <cstddef>
 #include <string>
-
-#include "nuvra/utils/dir_handle.h"
 
 namespace nuvra::utils {
 namespace [[gnu::visibility("hidden")]] internal {
@@ -27,10 +24,6 @@ bool absoluteAgainstCwd(const std::string& path, size_t bufferSize, std::string&
 // The dirent type (DT_REG, DT_DIR, ...) for the file type bits of `mode`; DT_UNKNOWN for
 // none of them.
 unsigned char entryTypeOf(mode_t mode);
-
-// closeDir that tells how closedir went: its result, 0 for null. When closedir fails the
-// record is left allocated, as closeDir leaves it.
-int closeDirHandle(DirHandle* handle);
 
 }  // namespace gnu::visibility("hidden")]]internal
 }  // namespace nuvra::utils
