@@ -9,7 +9,6 @@
 #include <map>
 #include <set>
 #include <string>
-#include <utility>
 
 #include "nuvra/testing/temp_dir_test_util.h"
 
