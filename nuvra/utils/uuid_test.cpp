@@ -38,6 +38,11 @@ TEST(UuidCompare, FollowsStorageBytesNotText) {
     const Uuid textLarger = Uuid::fromString("01000000-0000-0000-0000-000000000000");
     EXPECT_GT(textSmaller, textLarger);
     EXPECT_LT(textLarger, textSmaller);
+    EXPECT_TRUE(textLarger <= textSmaller && textSmaller <= textSmaller &&
+                !(textSmaller <= textLarger));
+    EXPECT_TRUE(textSmaller >= textLarger && textSmaller >= textSmaller &&
+                !(textLarger >= textSmaller));
+    EXPECT_NE(textLarger, textSmaller);
 }
 
 TEST(UuidCopy, AssignmentCopiesTheFlagButAssigningBytesKeepsIt) {
