@@ -21,8 +21,14 @@ build=build/mutants
 cmake --preset default -B "$build" >/dev/null
 cmake --build "$build" >/dev/null
 
+# Put a file back and make it newer than its object, so that the build compiles the original
+# again (mv keeps the copy's old time stamp, which ninja would take for up to date).
+put_back() {
+    mv "$1" "${1%.mutant-orig}"
+    touch "${1%.mutant-orig}"
+}
 restore=""
-trap '[ -n "$restore" ] && mv "$restore" "${restore%.mutant-orig}"' EXIT
+trap '[ -n "$restore" ] && put_back "$restore"' EXIT
 
 run_fault() {
     local file=$1 from=$2 to=$3
@@ -37,15 +43,17 @@ run_fault() {
     local content
     content=$(<"$file")
     printf '%s\n' "${content/"$from"/"$to"}" >"$file"
-    local verdict
+    local verdict log
+    log=$(mktemp)
     if ! cmake --build "$build" >/dev/null 2>&1; then
         verdict="unusable (does not compile)"
-    elif ctest --test-dir "$build" -j2 --timeout 60 --stop-on-failure "$@" >/dev/null 2>&1; then
+    elif ctest --test-dir "$build" -j2 --timeout 60 --stop-on-failure "$@" >"$log" 2>&1; then
         verdict=MISSED
     else
-        verdict=caught
+        verdict="caught by $(sed -n 's/.*Test *#[0-9]*: \([^ ]*\) .*\(Failed\|Timeout\|Exception\|SEGFAULT\).*/\1/p' "$log" | head -n 1)"
     fi
-    mv "$file.mutant-orig" "$file"
+    rm -f "$log"
+    put_back "$file.mutant-orig"
     restore=""
     echo "$verdict (line ${lines% })"
 }
@@ -57,7 +65,7 @@ while IFS=$'\t' read -r -u 3 file from to note; do
     verdict=$(run_fault "$file" "$from" "$to" "$@")
     total=$((total + 1))
     case "$verdict" in caught*) caught=$((caught + 1)) ;; esac
-    printf '%-32s %-30s %s\n' "$file" "$verdict" "$note"
+    printf '%-32s %-60s %s\n' "$file" "$verdict" "$note"
 done 3<"$list"
 # Rebuild the untouched sources so the tree is ready for the next run.
 cmake --build "$build" >/dev/null
