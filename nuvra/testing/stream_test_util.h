@@ -1,5 +1,5 @@
-// Test support: an in-memory NStream whose raw layer hands out its input and takes output in
-// scripted piece sizes, and fails writes on demand, so that tests can cut a byte sequence anywhere.
+// Test support: an in-memory NStream whose raw layer moves at most a set number of bytes per
+// call and fails writes on demand, so that tests can cut a byte sequence anywhere.
 //
 // For nuvra's tests only: not part of the library.
 
@@ -12,7 +12,6 @@
 #include <cstring>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "nuvra/utils/stream.h"
 
@@ -20,13 +19,12 @@ namespace nuvra::testing {
 
 class ScriptedStream : public utils::NStream {
   public:
-    // Each raw read or write moves at most the next of `pieces` bytes (taken in turn, over
-    // and over); the default moves whatever is asked for.
-    explicit ScriptedStream(std::string input = "", std::vector<uint32_t> pieces = {UINT32_MAX})
-        : input_(std::move(input)), pieces_(std::move(pieces)) {}
+    // Raw reads hand out `input`; each raw read or write moves at most `piece` bytes.
+    explicit ScriptedStream(std::string input = "", uint32_t piece = UINT32_MAX)
+        : input_(std::move(input)), piece_(piece) {}
 
     int32_t readRaw(void* buffer, uint32_t length) override {
-        const size_t n = std::min<size_t>({length, nextPiece(), input_.size() - readAt_});
+        const size_t n = std::min<size_t>({length, piece_, input_.size() - readAt_});
         std::memcpy(buffer, input_.data() + readAt_, n);
         readAt_ += n;
         return static_cast<int32_t>(n);
@@ -37,7 +35,7 @@ class ScriptedStream : public utils::NStream {
             return -1;
         }
         --writesLeft;
-        const size_t n = std::min<size_t>(length, nextPiece());
+        const size_t n = std::min<size_t>(length, piece_);
         output.append(static_cast<const char*>(buffer), n);
         return static_cast<int32_t>(n);
     }
@@ -46,12 +44,9 @@ class ScriptedStream : public utils::NStream {
     uint32_t writesLeft = UINT32_MAX;  // raw writes that succeed before every later one fails
 
   private:
-    uint32_t nextPiece() { return pieces_[pieceAt_++ % pieces_.size()]; }
-
     std::string input_;
-    std::vector<uint32_t> pieces_;
+    uint32_t piece_;
     size_t readAt_ = 0;
-    size_t pieceAt_ = 0;
 };
 
 }  // namespace nuvra::testing
