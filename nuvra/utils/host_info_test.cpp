@@ -11,12 +11,15 @@
 namespace nuvra::utils {
 namespace {
 
-// The fuzz target compares any other text with a model. 0 stands for none found, and false.
+// 0 stands for none found, and false.
 TEST(TotalMemory, IsTheMemTotalFigureInItsUnit) {
     const testing::TempDir dir;
     static const std::pair<std::string, int64_t> kCases[] = {
         {"MemFree: 9 kB\nMemTotal:       16384256 kB\n", int64_t{16384256} << 10},
         {"MemTotal:\t 2 mB\n", int64_t{2} << 20},
+        {"MemTotal: 3 7 G", int64_t{3} << 30},  // digits and blanks before the unit are passed
+        {"MemTotal: 77\n", 77},                 // no unit: bytes
+        {"MemTotal: 9999999999999 g\n", INT64_MAX},
         {std::string(128, 'x') + "\nMemTotal: 1\n", 0},  // a line past 127 characters ends it
     };
     for (const auto& [content, expected] : kCases) {
@@ -27,7 +30,6 @@ TEST(TotalMemory, IsTheMemTotalFigureInItsUnit) {
     }
     int64_t bytes = -1;
     EXPECT_FALSE(internal::getTotalMemoryFrom(dir.at("missing").c_str(), &bytes) || bytes != 0);
-    EXPECT_TRUE(getTotalMemory(&bytes) && bytes > 0 && !getTotalMemory(nullptr));
 }
 
 // language|territory|default language|default territory
@@ -88,7 +90,7 @@ TEST(HostFacts, OnAHostOfItsOwn) {
             (void)getFileSystemType(path, type);
             out += " " + type;
         }
-        // The node name copied bounded, its canonical name, and none for an unknown node.
+        // Names copied bounded; the string forms give "" for an unknown node.
         char buffer[6] = "#####";
         getHostName(buffer, 3);
         getHostName(&buffer[3], 0);

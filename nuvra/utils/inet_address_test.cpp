@@ -16,15 +16,14 @@ namespace {
 static_assert(std::is_base_of_v<std::runtime_error, CantResolveException> &&
               !std::is_base_of_v<Exception, CantResolveException>);
 
-// The fuzz target compares any other text with a reference.
 TEST(Inet4Address, DottedQuadSyntaxIsStrictButAllowsLeadingZeros) {
-    for (const char* text : {"1.2.3", "1..2.3", "256.1.1.1", "1.2.3.4.", "", "1.2.3.0255"}) {
+    for (const char* text :
+         {"1.2.3", "1..2.3", "256.1.1.1", "1.2.3.4.", "1.2.3.", "", "1.2.3.0255", "1.2.3.a"}) {
         EXPECT_FALSE(Inet4Address::isDottedQuad(text)) << '"' << text << '"';
     }
     EXPECT_TRUE(Inet4Address::isDottedQuad("010.0.0.255"));
 }
 
-// The message of the CantResolveException that `action` throws.
 std::string failure(const std::function<void()>& action) try {
     action();
     return "no exception\n";
@@ -32,10 +31,9 @@ std::string failure(const std::function<void()>& action) try {
     return std::string(e.what()) + "\n";
 }
 
-// Every look-up on a host of the test's own, which answers from its /etc/hosts alone.
+// On a host of the test's own, which answers from its /etc/hosts alone.
 TEST(InetAddress, NamesAndLookUpsWithTheirFixedFailureMessages) {
     const auto result = testing::runOffline("node", {{"hosts", "127.0.0.1 localhost\n"}}, [] {
-        // Given names and those of the zero addresses need no look-up.
         const uint32_t zero[4] = {};
         std::string out = Inet4Address(0).getHostName() + " " + Inet6Address(zero).getHostName() +
                           " " + Inet4Address(1, "given").getHostName() + " " +
@@ -58,8 +56,7 @@ TEST(InetAddress, NamesAndLookUpsWithTheirFixedFailureMessages) {
             out += address.toString() + "=" + address.getHostName() + " ";
         }
         const uint32_t one[4] = {0, 0, 0, htonl(1)};
-        out += Inet6Address(one).getHostName() + "\n";  // the resolver's canonical name
-        return out + failure([] { (void)Inet6Address::resolve("no.such.host"); });
+        return out + Inet6Address(one).getHostName();  // the resolver's canonical name
     });
     if (!result.isolated) {
         GTEST_SKIP() << "no private network, mount and host-name namespaces: " << result.output;
@@ -72,8 +69,7 @@ TEST(InetAddress, NamesAndLookUpsWithTheirFixedFailureMessages) {
         "192.168.1.1=192.168.1.1 255.255.255.255=010.0.0.1 1.2.0.3=1.2.3 127.0.0.1=localhost \n"
         "Cant resolve host: no.such.host (error Name or service not known)\n"
         "Resolve ok. No address for host: 4294967295 (error Unknown error)\n"
-        "::1=::1 2001:db8::7=2001:DB8::7 ::1\n"
-        "Cant resolve host: no.such.host (error Name or service not known)\n");
+        "::1=::1 2001:db8::7=2001:DB8::7 ::1");
 }
 
 }  // namespace
