@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 
 #include "nuvra/crypto/internal/latin1_fold.h"
@@ -80,6 +81,23 @@ int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t coun
     return result;
 }
 
+int foldLatin1EachByte(EVP_MD_CTX* context, const unsigned char* data, size_t count) {
+    // Alone, a byte 0xC0 to 0xC3 is a lead byte at the end of its block, which the fold
+    // drops, and any other byte is left as it is. So the runs between lead bytes can go to
+    // the fold whole: it hashes a block without lead bytes unchanged, in one update.
+    int result = 1;
+    const unsigned char* const end = data + count;
+    while (data != end) {
+        const unsigned char* const lead = std::find_if(data, end, isLatin1Lead);
+        if (lead != data &&
+            foldLatin1Update(context, data, static_cast<size_t>(lead - data)) == 0) {
+            result = 0;
+        }
+        data = lead == end ? end : lead + 1;
+    }
+    return result;
+}
+
 }  // namespace gnu::visibility("hidden")]]internal
 
 void StreamDigest::BufDigest::Sha0Deleter::operator()(void* engine) const {
@@ -99,16 +117,19 @@ void StreamDigest::BufDigest::setAlgorithm(const EVP_MD* algorithm) {
     algorithm_ = algorithm;
     sha0_.reset();
     needsInitialisation_ = true;
+    closePutArea();
 }
 
 void StreamDigest::BufDigest::setUpdateFunction(UpdateFunction update) {
     update_ = update;
     needsInitialisation_ = true;
+    closePutArea();
 }
 
 void StreamDigest::BufDigest::useSha0() {
     sha0_.reset(new internal::Sha0());
     needsInitialisation_ = true;
+    closePutArea();
 }
 
 void StreamDigest::BufDigest::startIfNeeded() {
@@ -116,6 +137,7 @@ void StreamDigest::BufDigest::startIfNeeded() {
         return;
     }
     needsInitialisation_ = false;
+    setp(putArea_.data(), putArea_.data() + kPutAreaSize);
     if (sha0_ != nullptr) {
         sha0Of(sha0_.get())->reset();
         started_ = true;
@@ -140,21 +162,58 @@ bool StreamDigest::BufDigest::hash(const unsigned char* data, size_t count) {
     return update_(context_, data, count) != 0;
 }
 
+void StreamDigest::BufDigest::hashOrRecord(const char_type* data, size_t count) {
+    // Bytes written after a failed start are dropped; that failure is recorded already.
+    if (!hash(reinterpret_cast<const unsigned char*>(data), count) && started_) {
+        recordSslErrors();
+    }
+}
+
+void StreamDigest::BufDigest::handOver() {
+    const std::ptrdiff_t pending = pptr() - pbase();
+    if (pending > 0) {
+        pbump(static_cast<int>(-pending));
+        hashOrRecord(pbase(), static_cast<size_t>(pending));
+    }
+}
+
 StreamDigest::BufDigest::int_type StreamDigest::BufDigest::overflow(int_type c) {
     startIfNeeded();
+    handOver();
     if (!traits_type::eq_int_type(c, traits_type::eof())) {
-        const auto byte = static_cast<unsigned char>(traits_type::to_char_type(c));
-        if (!hash(&byte, 1) && started_) {
-            recordSslErrors();
-        }
+        *pptr() = traits_type::to_char_type(c);
+        pbump(1);
     }
     return traits_type::not_eof(c);
+}
+
+std::streamsize StreamDigest::BufDigest::xsputn(const char_type* data, std::streamsize count) {
+    if (count > epptr() - pptr()) {
+        startIfNeeded();
+        handOver();
+        if (count >= kPutAreaSize) {
+            hashOrRecord(data, static_cast<size_t>(count));
+            return count;
+        }
+    }
+    if (count > 0) {
+        std::memcpy(pptr(), data, static_cast<size_t>(count));
+        pbump(static_cast<int>(count));
+    }
+    return count;
+}
+
+int StreamDigest::BufDigest::sync() {
+    handOver();
+    return 0;
 }
 
 uint32_t StreamDigest::BufDigest::finish(unsigned char* output) {
     if (needsInitialisation_) {
         return 0;
     }
+    handOver();
+    closePutArea();
     needsInitialisation_ = true;
     if (!started_) {
         return 0;
@@ -193,7 +252,7 @@ std::string StreamDigest::hexDigest(bool evenIfEmpty) { return utils::toHex(dige
 StreamDigestMD5::StreamDigestMD5(bool foldUtf8ToLatin1) : foldUtf8ToLatin1_(foldUtf8ToLatin1) {
     digestBuffer().setAlgorithm(EVP_md5());
     if (foldUtf8ToLatin1) {
-        digestBuffer().setUpdateFunction(&internal::foldLatin1Update);
+        digestBuffer().setUpdateFunction(&internal::foldLatin1EachByte);
     }
 }
 

@@ -36,14 +36,18 @@ namespace nuvra::crypto {
 // a real algorithm.
 class StreamDigest : public std::ostream {
   public:
-    // The stream's buffer. It has no put area: every byte written reaches the digest at
-    // once, one update per byte, so a flush never has anything to pass on. Only overflow
-    // differs from std::streambuf.
+    // The stream's buffer. Written bytes collect in a put area inside the object and reach
+    // the digest in whole runs: when the area is full, on flush() and when the digest is
+    // finished; a write of a full area or more goes to the digest directly. A digest starts
+    // with the first byte written after the last one ended, so a failure to start it is
+    // recorded at that write; a failure to hash is recorded when its run is handed over.
     class BufDigest : public std::streambuf {
       public:
         // Hashes `count` bytes at `data` into a context started with the buffer's algorithm;
         // 1 on success, 0 on failure with the reason in OpenSSL's error queue, as
-        // EVP_DigestUpdate (the default) does.
+        // EVP_DigestUpdate (the default) does. It is given the written bytes in runs cut
+        // wherever the put area filled or was flushed, so its result must not depend on
+        // where a sequence is cut.
         using UpdateFunction = int (*)(EVP_MD_CTX* context, const unsigned char* data,
                                        size_t count);
 
@@ -55,8 +59,9 @@ class StreamDigest : public std::ostream {
         BufDigest(const BufDigest&) = delete;
         BufDigest& operator=(const BufDigest&) = delete;
 
-        // Choose how the next digest is computed. Each abandons a digest in progress, so the
-        // next byte starts afresh. The owning stream's constructor sets them.
+        // Choose how the next digest is computed. Each abandons a digest in progress, bytes
+        // not yet handed over included, so the next byte starts afresh. The owning stream's
+        // constructor sets them.
         //
         // setAlgorithm: the libcrypto algorithm; also drops useSha0.
         void setAlgorithm(const EVP_MD* algorithm);
@@ -72,19 +77,37 @@ class StreamDigest : public std::ostream {
         // finishing right away gives the digest of empty input.
         void startIfNeeded();
 
-        // Ends the digest in progress, writes it to `output` (room for 64 bytes) and returns
-        // its length; the next byte starts a new digest. Returns 0 and writes nothing when
-        // no digest is in progress, when the digest could not be started or finished, or
-        // for the null algorithm.
+        // Hashes the bytes still in the put area, ends the digest in progress, writes it to
+        // `output` (room for 64 bytes) and returns its length; the next byte starts a new
+        // digest. Returns 0 and writes nothing when no digest is in progress, when the
+        // digest could not be started or finished, or for the null algorithm.
         uint32_t finish(unsigned char* output);
 
       protected:
-        // Hashes `c` (nothing for end-of-file), starting a digest first if needed. Always
-        // reports success: failures go to the error handler.
+        // Each reports success whatever happens: failures go to the error handler.
+        //
+        // overflow: starts a digest if needed, hands over the full put area, then keeps `c`
+        // (nothing for end-of-file).
         int_type overflow(int_type c) override;
+        // xsputn: as many overflow() calls would, without copying a write that fills the
+        // area.
+        std::streamsize xsputn(const char_type* data, std::streamsize count) override;
+        // sync: hands over the put area.
+        int sync() override;
 
       private:
+        // The put area's size: a few KiB, so that short texts are hashed in one update and
+        // a file copied in 4 KiB pieces goes to the digest without a copy.
+        static constexpr std::ptrdiff_t kPutAreaSize = 4096;
+
         bool hash(const unsigned char* data, size_t count);
+        // hash(), recording a failure with the error handler.
+        void hashOrRecord(const char_type* data, size_t count);
+        // Hashes the bytes in the put area and empties it.
+        void handOver();
+        // Drops the put area, so that the next byte written reaches overflow() or xsputn()
+        // and starts a digest.
+        void closePutArea() { setp(putArea_.data(), putArea_.data()); }
 
         EVP_MD_CTX* context_;
         bool needsInitialisation_ = true;
@@ -99,6 +122,9 @@ class StreamDigest : public std::ostream {
         // Whether the digest in progress was started successfully. Bytes written after a
         // failed start are dropped rather than fed to a context that has no algorithm.
         bool started_ = false;
+        // Open (pbase() to epptr()) exactly while a digest is in progress. Left
+        // uninitialised: only bytes written into it are read.
+        std::array<char_type, kPutAreaSize> putArea_;
     };
 
     StreamDigest();
@@ -134,11 +160,11 @@ class StreamDigestMD5 : public StreamDigest {
   public:
     // Plain MD5 when `foldUtf8ToLatin1` is false.
     //
-    // When true, each byte written passes through the Latin-1 fold on its own, because the stream
-    // hands bytes over one at a time: a byte 0xC0 to 0xC3 is dropped and every other byte is hashed
-    // as it is. Text written as UTF-8 therefore hashes as Latin-1 for U+0080 to U+00BF; for U+00C0
-    // to U+00FF only the second UTF-8 byte is hashed ("é", C3 A9, hashes as A9, not E9). Kept:
-    // digests stored by callers were made this way.
+    // When true, each byte written is folded on its own, as if the stream handed bytes over one
+    // at a time: a byte 0xC0 to 0xC3 is dropped and every other byte is hashed as it is. Text
+    // written as UTF-8 therefore hashes as Latin-1 for U+0080 to U+00BF; for U+00C0 to U+00FF only
+    // the second UTF-8 byte is hashed ("é", C3 A9, hashes as A9, not E9). Kept: digests stored by
+    // callers were made this way.
     explicit StreamDigestMD5(bool foldUtf8ToLatin1);
 
     bool foldsUtf8ToLatin1() const { return foldUtf8ToLatin1_; }

@@ -110,14 +110,22 @@ std::string& RandomSource::getBytes(std::string& out, int32_t count) {
     const auto wanted = static_cast<uint32_t>(count);
     uint32_t read = 0;
     if (haveDevice_ && stream_.good() && wanted != 0) {
-        char byte = 0;
-        do {
-            // A failed extraction leaves `byte` as it was, and that byte is appended again:
-            // callers have always received exactly these bytes.
-            stream_.get(byte);
-            out += byte;
+        // One read for all the bytes (the file buffer reads a request of more than one byte
+        // straight from the device). The result is what extracting byte by byte until the
+        // stream fails would give, which is what callers have always received: the bytes
+        // read, then, if the device failed, one more byte, the last one read (0 when none
+        // was), as a failed extraction left its variable unchanged and it was appended
+        // anyway. One case differs: a read error right after a short read, which the kernel's
+        // random device never gives, drops that call's bytes, since the file buffer then
+        // reports only the error.
+        out.resize(wanted);
+        stream_.read(out.data(), static_cast<std::streamsize>(wanted));
+        read = static_cast<uint32_t>(stream_.gcount());
+        if (read < wanted) {
+            out[read] = read == 0 ? '\0' : out[read - 1];
             ++read;
-        } while (stream_.good() && read < wanted);
+        }
+        out.resize(read);
     }
     if (read < wanted) {
         std::unique_ptr<unsigned char[]> fresh(new unsigned char[wanted]());

@@ -100,5 +100,14 @@ TEST(RandomSourceUniqueId, AtMost32HexCharactersThatDoNotRepeat) {
     EXPECT_NE(RandomSource::makeUniqueId(8), id.substr(0, 8));
 }
 
+// Where the device ends, a failed extraction appended its variable again: the last byte read,
+// or the zero it started as. When that makes the count, nothing fresh is added.
+TEST(RandomSourceDevice, TheRepeatedByteCanMakeTheCount) {
+    const testing::TempDir dir;
+    std::string out;
+    EXPECT_EQ(sourceOver(dir, "abc")->getBytes(out, 4), "abcc");
+    EXPECT_EQ(sourceOver(dir, "")->getBytes(out, 1), std::string(1, '\0'));
+}
+
 }  // namespace
 }  // namespace nuvra::utils

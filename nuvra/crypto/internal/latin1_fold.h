@@ -20,7 +20,13 @@ namespace [[gnu::visibility("hidden")]] internal {
 // end of the block is dropped. Returns the result of the last update made, 1 when none was.
 int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t count);
 
-}  // namespace internal
+// What StreamDigestMD5's Latin-1 mode hashes: the result of foldLatin1Update on each byte
+// of the block alone, which drops every byte 0xC0 to 0xC3 and hashes the others unchanged,
+// computed with one update per run between dropped bytes. Returns 0 when an update failed,
+// else 1.
+int foldLatin1EachByte(EVP_MD_CTX* context, const unsigned char* data, size_t count);
+
+}  // namespace gnu::visibility("hidden")]]internal
 }  // namespace nuvra::crypto
 
 #endif  // NUVRA_CRYPTO_INTERNAL_LATIN1_FOLD_H_

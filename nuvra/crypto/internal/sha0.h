@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 namespace nuvra::crypto {
 namespace [[gnu::visibility("hidden")]] internal {
@@ -75,6 +76,49 @@ inline void storeBigEndian32(uint32_t value, uint8_t* bytes) {
     bytes[1] = static_cast<uint8_t>(value >> 16U);
     bytes[2] = static_cast<uint8_t>(value >> 8U);
     bytes[3] = static_cast<uint8_t>(value);
+}
+
+// One round of the compression function, unrolled by its number T. The five working
+// variables stay in place and their roles turn instead of their values: round T calls
+// state[(80 - T) % 5] "a", the next one "b", and so on, so that writing the new "a" into the
+// slot of "e" is the whole of the usual shift. The message schedule is kept as a ring of its
+// last 16 words.
+template <unsigned ScheduleRotation, size_t T>
+inline void round(std::array<uint32_t, 5>& state, std::array<uint32_t, 16>& words) {
+    const uint32_t a = state[(80 - T) % 5];
+    uint32_t& b = state[(81 - T) % 5];
+    const uint32_t c = state[(82 - T) % 5];
+    const uint32_t d = state[(83 - T) % 5];
+    uint32_t& e = state[(84 - T) % 5];
+    uint32_t& word = words[T % 16];
+    if constexpr (T >= 16) {
+        // The rotation here is the only difference between SHA-0 (none) and SHA-1 (one bit).
+        word = rotateLeft(words[(T - 3) % 16] ^ words[(T - 8) % 16] ^ words[(T - 14) % 16] ^ word,
+                          ScheduleRotation);
+    }
+    uint32_t mix = 0;
+    uint32_t constant = 0;
+    if constexpr (T < 20) {
+        mix = d ^ (b & (c ^ d));  // (b & c) | (~b & d)
+        constant = 0x5A827999U;
+    } else if constexpr (T < 40) {
+        mix = b ^ c ^ d;
+        constant = 0x6ED9EBA1U;
+    } else if constexpr (T < 60) {
+        mix = (b & c) | (b & d) | (c & d);
+        constant = 0x8F1BBCDCU;
+    } else {
+        mix = b ^ c ^ d;
+        constant = 0xCA62C1D6U;
+    }
+    e += rotateLeft(a, 5) + mix + constant + word;
+    b = rotateLeft(b, 30);
+}
+
+template <unsigned ScheduleRotation, size_t... T>
+inline void rounds(std::array<uint32_t, 5>& state, std::array<uint32_t, 16>& words,
+                   std::index_sequence<T...> /*numbers*/) {
+    (round<ScheduleRotation, T>(state, words), ...);
 }
 
 }  // namespace sha160
@@ -142,50 +186,15 @@ typename Sha160<ScheduleRotation>::Digest Sha160<ScheduleRotation>::hash(const v
 
 template <unsigned ScheduleRotation>
 void Sha160<ScheduleRotation>::compress(const uint8_t* block) {
-    std::array<uint32_t, 80> schedule{};
-    for (size_t t = 0; t < 16; ++t) {
-        schedule[t] = sha160::loadBigEndian32(block + 4 * t);
+    std::array<uint32_t, 16> words;
+    for (size_t t = 0; t < words.size(); ++t) {
+        words[t] = sha160::loadBigEndian32(block + 4 * t);
     }
-    for (size_t t = 16; t < 80; ++t) {
-        // The rotation here is the only difference between SHA-0 (none) and SHA-1 (one bit).
-        schedule[t] = sha160::rotateLeft(
-            schedule[t - 3] ^ schedule[t - 8] ^ schedule[t - 14] ^ schedule[t - 16],
-            ScheduleRotation);
+    std::array<uint32_t, 5> working = state_;
+    sha160::rounds<ScheduleRotation>(working, words, std::make_index_sequence<80>());
+    for (size_t i = 0; i < state_.size(); ++i) {
+        state_[i] += working[i];
     }
-
-    uint32_t a = state_[0];
-    uint32_t b = state_[1];
-    uint32_t c = state_[2];
-    uint32_t d = state_[3];
-    uint32_t e = state_[4];
-    for (size_t t = 0; t < 80; ++t) {
-        uint32_t mix = 0;
-        uint32_t constant = 0;
-        if (t < 20) {
-            mix = (b & c) | (~b & d);
-            constant = 0x5A827999U;
-        } else if (t < 40) {
-            mix = b ^ c ^ d;
-            constant = 0x6ED9EBA1U;
-        } else if (t < 60) {
-            mix = (b & c) | (b & d) | (c & d);
-            constant = 0x8F1BBCDCU;
-        } else {
-            mix = b ^ c ^ d;
-            constant = 0xCA62C1D6U;
-        }
-        const uint32_t next = sha160::rotateLeft(a, 5) + mix + e + constant + schedule[t];
-        e = d;
-        d = c;
-        c = sha160::rotateLeft(b, 30);
-        b = a;
-        a = next;
-    }
-    state_[0] += a;
-    state_[1] += b;
-    state_[2] += c;
-    state_[3] += d;
-    state_[4] += e;
 }
 
 }  // namespace gnu::visibility("hidden")]]internal
