@@ -1,5 +1,5 @@
-// On each input, the search, the tokenisers and replaceAll (see searchAgrees, tokensAgree and
-// replacementAgrees). Up to four characters of the pattern delimit the tokens.
+// Either the wildcard engines on a pattern of complete elements (see enginesAgree), or the
+// case-insensitive search on arbitrary text, pattern and limit (see searchAgrees).
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -12,17 +12,19 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     namespace nt = nuvra::testing;
     FuzzedDataProvider input(data, size);
+    if (input.ConsumeBool()) {
+        const int flags = input.ConsumeIntegral<uint8_t>() & 15;
+        const auto pick = [&input](size_t n) {
+            return input.ConsumeIntegralInRange<size_t>(0, n - 1);
+        };
+        const auto [pattern, text] = nt::wildcardCase(pick(13), pick(64), pick);
+        FUZZ_CHECK(nt::enginesAgree(pattern, text, flags));
+        return 0;
+    }
     const auto limit = input.ConsumeIntegral<uint8_t>();
-    const auto room = input.ConsumeIntegral<uint8_t>();
-    const auto open = input.ConsumeIntegral<char>();
-    const auto close = input.ConsumeIntegral<char>();
-    // The helpers take NUL-terminated text: each string ends at its first NUL.
+    // The search takes NUL-terminated text: each string ends at its first NUL.
     const auto upToNul = [](const std::string& s) { return s.substr(0, s.find('\0')); };
     const std::string pattern = upToNul(input.ConsumeRandomLengthString(80));
-    const std::string to = upToNul(input.ConsumeRandomLengthString(8));
-    const std::string text = upToNul(input.ConsumeRemainingBytesAsString());
-    FUZZ_CHECK(nt::searchAgrees(text, pattern, limit));
-    FUZZ_CHECK(nt::tokensAgree(text, pattern.substr(0, 4), open, close, room % 24));
-    FUZZ_CHECK(nt::replacementAgrees(text, pattern, to, text.size() + room));
+    FUZZ_CHECK(nt::searchAgrees(upToNul(input.ConsumeRemainingBytesAsString()), pattern, limit));
     return 0;
 }

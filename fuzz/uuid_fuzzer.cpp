@@ -1,6 +1,7 @@
 // Feeds arbitrary text to the GUID parsers: a text accepted must print back as itself in
 // lower case, one rejected must leave the all-zero value, and parse() must agree.
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <string>
@@ -14,9 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const Uuid parsed = Uuid::fromString(text);
     Uuid other(Uuid::Bytes{}, false);
     FUZZ_CHECK(other.parse(text) == parsed.isValid() && other.bytes() == parsed.bytes());
-    for (char& c : text) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
     FUZZ_CHECK(parsed.isValid() ? parsed.toString() == text : parsed.bytes() == Uuid::Bytes{});
     return 0;
 }

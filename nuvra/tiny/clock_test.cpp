@@ -3,7 +3,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <limits>
 #include <tuple>
 #include <vector>
 
@@ -42,10 +41,11 @@ TEST_F(FakeTickClock, PeriodicCatchesUpOneCheckAtATimeAndRestartOnCheckNeedsAQui
         int32_t interval;
         std::vector<std::tuple<int, bool, uint32_t>> steps;  // ms advanced, expired, elapsed
     } kCases[] = {
-        // Each missed period is reported by its own check; a check before expiry restarts a
-        // RestartOnCheck timer, so that it needs a whole interval between two checks.
+        // Periodic reports each missed period by its own check; RestartOnCheck restarts at every
+        // check before expiry; any other mode expires for good.
         {IntervalTimer::Periodic, 1, {{3500, true, 3}, {0, true, 2}, {0, true, 1}, {0, false, 0}}},
         {IntervalTimer::RestartOnCheck, 2, {{1500, false, 1}, {1500, false, 1}, {2000, true, 2}}},
+        {7, 1, {{1000, true, 1}, {0, true, 1}}},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.mode);
@@ -59,28 +59,21 @@ TEST_F(FakeTickClock, PeriodicCatchesUpOneCheckAtATimeAndRestartOnCheckNeedsAQui
     }
 }
 
-TEST_F(FakeTickClock, ScheduleRepeatsItsLastIntervalAssignmentCopiesItAndStopEndsIt) {
+TEST_F(FakeTickClock, ScheduleRepeatsItsLastIntervalUntilStartedAgainAndStopEndsIt) {
     static const uint32_t kSchedule[] = {1, 5, IntervalTimer::kScheduleEnd};
-    IntervalTimer source(kSchedule);
+    IntervalTimer timer(100, IntervalTimer::Once, false);
+    timer = IntervalTimer(kSchedule);  // assignment takes the schedule and its place in it
     advanceMs(1000);
-    ASSERT_TRUE(source.check());  // restarted, now on the 5-second entry
-    advanceMs(2000);
-    IntervalTimer copy(100, IntervalTimer::Once, false);
-    copy = source;
-    EXPECT_EQ(copy.remainingSeconds(), 3);
-    advanceMs(3000);
-    EXPECT_TRUE(copy.check());
-    advanceMs(4900);
-    EXPECT_FALSE(copy.check());  // 5 seconds again
-    copy.setInterval(3);
-    EXPECT_EQ(copy.remainingSeconds(), -1);  // overdue
-    source.start();
-    EXPECT_EQ(source.remainingSeconds(), 1);  // back to the first entry
-    source.stop();
-    advanceMs(5000);
+    ASSERT_TRUE(timer.check());
+    advanceMs(7000);
+    EXPECT_EQ(timer.remainingSeconds(), -2);  // on the 5-second entry, overdue
+    EXPECT_TRUE(timer.check());
+    EXPECT_EQ(timer.remainingSeconds(), 5);  // the last entry repeats
+    timer.start();
+    EXPECT_EQ(timer.remainingSeconds(), 1);  // back to the first entry
+    timer.stop();
     uint32_t elapsed = 99;
-    EXPECT_FALSE(source.check(&elapsed));
-    EXPECT_EQ(elapsed, 0u);
+    EXPECT_TRUE(!timer.check(&elapsed) && elapsed == 0);
 }
 
 TEST(WallClock, RoundsToTheNearestMillisecondIn32And64Bits) {
@@ -91,24 +84,20 @@ TEST(WallClock, RoundsToTheNearestMillisecondIn32And64Bits) {
     EXPECT_LT(currentTimeMs() - static_cast<uint32_t>(currentTimeMs64()), 1000u);
 }
 
-void ignoreSignal(int /*signal*/) {}
-
-// How long sleepMs takes while a handled SIGALRM (which ends any nanosleep) comes every 10 ms.
-int64_t sleepUnderSignals(int32_t ms, bool resume) {
-    static_cast<void>(std::signal(SIGALRM, ignoreSignal));
-    itimerval every10ms{{0, 10000}, {0, 10000}};
-    setitimer(ITIMER_REAL, &every10ms, nullptr);
+// How long sleepMs takes when a handled SIGALRM, which ends any nanosleep, comes after 10 ms.
+int64_t sleepSignalledAfter10Ms(int32_t ms, bool resume) {
+    static_cast<void>(std::signal(SIGALRM, [](int /*signal*/) {}));
+    const itimerval once{{0, 0}, {0, 10000}};
     const auto start = std::chrono::steady_clock::now();
+    setitimer(ITIMER_REAL, &once, nullptr);
     sleepMs(ms, resume);
     const auto took = std::chrono::steady_clock::now() - start;
-    every10ms = {};
-    setitimer(ITIMER_REAL, &every10ms, nullptr);
     return std::chrono::duration_cast<std::chrono::milliseconds>(took).count();
 }
 
 TEST(SleepMs, SignalEndsTheSleepUnlessAskedToResume) {
-    EXPECT_LT(sleepUnderSignals(500, false), 250);
-    EXPECT_GE(sleepUnderSignals(100, true), 100);
+    EXPECT_LT(sleepSignalledAfter10Ms(500, false), 250);
+    EXPECT_GE(sleepSignalledAfter10Ms(100, true), 100);
 }
 
 int32_t offsetIn(const char* zone, std::time_t time) {
@@ -122,15 +111,6 @@ TEST(TimeZone, UtcOffsetMinutesAccountsForTheDateLineOfEachZone) {
     EXPECT_EQ(offsetIn("XST+5", 1704074400), -300);    // 2024-01-01 02:00 UTC: locally 2023
     EXPECT_EQ(offsetIn("EET-2", 1718494200), 120);     // 2024-06-15 23:30 UTC: the next day
     EXPECT_EQ(offsetIn("IST-5:30", 1718452800), 330);  // 2024-06-15 12:00 UTC: the same day
-    const std::time_t newYearsEve = 1704065400;        // in IST-5:30 already 2024
-    std::tm tm{};
-    char text[26];
-    EXPECT_STREQ(asctimeR(gmtimeR(&newYearsEve, &tm), text), "Sun Dec 31 23:30:00 2023\n");
-    EXPECT_STREQ(ctimeR(&newYearsEve, text), "Mon Jan  1 05:00:00 2024\n");
-    EXPECT_EQ(currentLocalTime(&tm), &tm);
-    if constexpr (sizeof(std::time_t) > 4) {
-        EXPECT_EQ(offsetIn("UTC0", std::numeric_limits<std::time_t>::max()), 0);  // no such year
-    }
     unsetenv("TZ");
     tzset();
 }
@@ -140,8 +120,7 @@ TEST(Abbreviations, NamesLookupIgnoringCaseAndFirstNameForAnythingElse) {
                   dayAbbreviation(7),
               "DecSatJanSun");
     EXPECT_EQ(monthFromAbbreviation("dEC"), 11u);
-    EXPECT_EQ(monthFromAbbreviation("Decem"), 0u);  // unknown reads as January
-    EXPECT_EQ(monthFromAbbreviation(nullptr), 0u);
+    EXPECT_EQ(monthFromAbbreviation("Decem") + monthFromAbbreviation(nullptr), 0u);  // January
 }
 
 }  // namespace

@@ -33,11 +33,10 @@ TEST(NMutex, IsRecursiveAndNeedsOneUnlockPerLockWhicheverWayItWasTaken) {
         guard.release();  // only once
     }
     mutex.relock();
-    for (int held = 4; held > 1; --held) {
-        mutex.unlock();
+    for (int held = 4; held > 0; --held) {
         EXPECT_FALSE(freeForOthers(mutex));
+        mutex.unlock();
     }
-    mutex.unlock();
     EXPECT_TRUE(freeForOthers(mutex));
 }
 
