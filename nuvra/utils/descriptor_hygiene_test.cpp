@@ -1,12 +1,13 @@
 // Descriptor hygiene across the library, the one place that checks it: calls that open and
-// close within themselves leave nothing open, and while every module that holds descriptors
-// holds them (getLocalAddresses' socket, kept on purpose, included), a program started now
-// inherits none of them.
+// close within themselves leave nothing open, and every descriptor the library holds is
+// close-on-exec while it is held, so that a program started then inherits none of them.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <set>
+#include <thread>
 
 #include "gtest/gtest.h"
 #include "nuvra/testing/offline_host_test_util.h"
@@ -16,6 +17,7 @@
 #include "nuvra/utils/directory.h"
 #include "nuvra/utils/filesystem.h"
 #include "nuvra/utils/host_info.h"
+#include "nuvra/utils/internal/host_info_seam.h"
 #include "nuvra/utils/os_info.h"
 #include "nuvra/utils/random_source.h"
 #include "nuvra/utils/stream.h"
@@ -32,6 +34,19 @@ std::set<int> openFds(const std::set<int>& before = {}) {
         }
     }
     return fds;
+}
+
+// "fd -> target" for each of `fds` that lacks close-on-exec.
+std::string withoutCloseOnExec(const std::set<int>& fds) {
+    std::string found;
+    for (const int fd : fds) {
+        if ((fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0) {
+            const std::string link = "/proc/self/fd/" + std::to_string(fd);
+            found +=
+                std::to_string(fd) + " -> " + std::filesystem::read_symlink(link).string() + "\n";
+        }
+    }
+    return found;
 }
 
 // "fd -> target" for each of `fds` that a shell started now finds open.
@@ -68,6 +83,25 @@ TEST(DescriptorHygiene, NothingLeaksAndChildrenInheritOnlyTheStandardStreams) {
         NEED(copyDirectory(tree.c_str(), copy + "2", true) == 0 && removeMatching(copy + "2", "a"));
         NEED(removeTree((copy + "2").c_str()) == 0 && touchFile(copy));
         NEED(RandomSource::makeUniqueId(32).size() == 32 && getTotalMemory(&size));
+        // Meminfo as a FIFO, answered only once the reader's descriptor has been looked at.
+        const std::string fifo = dir.at("meminfo");
+        const int fd =
+            mkfifo(fifo.c_str(), 0600) == 0 ? open(fifo.c_str(), O_RDWR | O_CLOEXEC) : -1;
+        std::string seen = "meminfo: no descriptor seen\n";
+        std::thread writer([&] {
+            std::set<int> fds;
+            for (int tries = 0; tries < 1000 && fds.empty(); ++tries) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                fds = openFds(before);
+                fds.erase(fd);
+            }
+            seen = fds.empty() ? seen : withoutCloseOnExec(fds);
+            seen += write(fd, "MemTotal: 1 kB\n", 15) == 15 ? "" : "meminfo: not written\n";
+        });
+        NEED(internal::getTotalMemoryFrom(fifo.c_str(), &size) && size == 1024);
+        writer.join();
+        failed += seen;
+        close(fd);
         detectOsInfo(os);  // release files, the appliance marker and the locale
         NEED(os.getVersionMajor() == 12 && getMacAddresses(macs));
         NEED(tiny::runProgram("true", nullptr) == 0);
@@ -93,6 +127,7 @@ TEST(DescriptorHygiene, NothingLeaksAndChildrenInheritOnlyTheStandardStreams) {
         NEED(cat.readStdoutLine(text) == 5 && tiny::setOomAdjust(cat.pid(), 0));
         const std::set<int> held = openFds(before);
         failed += held.size() >= 11 ? "" : "only " + std::to_string(held.size()) + " held\n";
+        failed += withoutCloseOnExec(held);
         closeDir(handle);
         return failed + inherited(held);
     });

@@ -143,7 +143,8 @@ bool DirectoryIterator::open(bool includeAll, bool recursive, const std::string&
     } else {
         root_ = root;
     }
-    if (root_.size() > 1 && (root_.back() == '/' || root_.back() == '\\')) {
+    // From any root, so "/" itself becomes "", which does not open.
+    if (!root_.empty() && (root_.back() == '/' || root_.back() == '\\')) {
         root_.pop_back();
     }
     DirHandle* handle = openDir(root_.c_str());
@@ -202,37 +203,43 @@ bool DirectoryIterator::pushNextAccepted() {
         if (!accepts(entry->d_name)) {
             continue;
         }
-        // The type the file system reports is that of the entry itself; only links (and
-        // entries without a type) need a stat to learn what they lead to, and whether it
-        // exists at all. Relative to the open directory: the same file as the joined path,
-        // without walking the path again for every entry.
-        bool directory = entry->d_type == DT_DIR;
-        if (entry->d_type == DT_UNKNOWN) {
-            struct stat64 own {};
-            if (fstatat64(topFd, entry->d_name, &own, AT_SYMLINK_NOFOLLOW) != 0) {
-                continue;
-            }
-            entry->d_type = internal::entryTypeOf(own.st_mode);
-            directory = S_ISDIR(own.st_mode);
+        // Every candidate is stat'ed, whatever type the file system reported: a link counts
+        // as what it leads to, and an entry that cannot be stat'ed (a dangling link, any entry
+        // of a directory that may be listed but not searched) is not yielded. Relative to the
+        // open directory: the same file as the joined path, without walking the path again.
+        struct stat64 info {};
+        if (fstatat64(topFd, entry->d_name, &info, 0) != 0) {
+            continue;
         }
-        if (entry->d_type == DT_LNK) {
-            struct stat64 target {};
-            if (fstatat64(topFd, entry->d_name, &target, 0) != 0) {
-                continue;
-            }
-            directory = S_ISDIR(target.st_mode);
-        }
+        const bool directory = S_ISDIR(info.st_mode);
         if ((mode_ & kModeIncludeAll) == 0 && !directory) {
             continue;
         }
+        // From here on the entry's type is that of what it leads to: next() descends by it.
+        entry->d_type = internal::entryTypeOf(info.st_mode);
         entries_.push_back(entry);
         return true;
     }
     return false;
 }
 
-bool DirectoryIterator::currentIsRealDirectory() const {
+bool DirectoryIterator::currentLeadsToDirectory() const {
     return !atEnd() && entries_.back()->d_type == DT_DIR;
+}
+
+bool DirectoryIterator::isOpenAlready(DirHandle* directory) const {
+    struct stat64 candidate {};
+    if (fstat64(dirfd(directory->dir), &candidate) != 0) {
+        return true;  // not known to be new: not entered
+    }
+    for (const DirHandle* open : dirs_) {
+        struct stat64 info {};
+        if (fstat64(dirfd(open->dir), &info) == 0 && info.st_dev == candidate.st_dev &&
+            info.st_ino == candidate.st_ino) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool DirectoryIterator::next() {
@@ -243,9 +250,14 @@ bool DirectoryIterator::next() {
     for (;;) {
         // Only the entry yielded before this call is descended into; entries reached while
         // climbing back have already had their turn.
-        if (mayDescend && currentIsRealDirectory()) {
+        if (mayDescend && currentLeadsToDirectory()) {
             mayDescend = false;
-            if (DirHandle* child = openDir(currentPath().c_str())) {
+            DirHandle* child = openDir(currentPath().c_str());
+            if (child != nullptr && isOpenAlready(child)) {
+                closeDir(child);  // a link back up the walk: entering it would go round
+                child = nullptr;
+            }
+            if (child != nullptr) {
                 dirs_.push_back(child);
                 if (pushNextAccepted()) {
                     return true;

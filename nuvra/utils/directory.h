@@ -77,9 +77,14 @@ constexpr uint32_t kFilterFullPath = 4;
 //       use(it.currentPath());
 //   }
 //
-// Only entries that are yielded are descended into, and symbolic links are yielded (as
-// directories, when they point at one) but never descended into, so a walk stays inside the
-// tree and cannot loop.
+// Every entry is stat'ed, links followed: an entry that cannot be (a dangling link, or any
+// entry of a directory that may be listed but not searched) is not yielded, and a symbolic
+// link to a directory is yielded and descended into like the directory itself, so a walk can
+// leave the tree. Only yielded directories are descended into.
+//
+// A directory that is already open higher up the walk (reached again through a link to one of
+// its ancestors) is yielded but not descended into: following it would go round until the
+// path grew too long.
 class DirectoryIterator {
   public:
     // No directory open; at its end until open() succeeds.
@@ -101,10 +106,11 @@ class DirectoryIterator {
     int addFilter(const std::string& pattern, uint32_t flags);
 
     // Starts a walk of `root` (the current directory when empty; relative roots are taken
-    // against it; one trailing separator is dropped). With `includeAll` every type of entry
-    // is yielded, otherwise only those that stat reports as directories; with `recursive`
-    // directories are descended into. False when the current directory cannot be read or
-    // the root cannot be opened. An empty root directory gives true and atEnd().
+    // against it). One trailing '/' or '\' is dropped from any root, so "/" itself, given or as
+    // the current directory, becomes "" and gives false. With `includeAll` every type of entry is
+    // yielded, otherwise only those that stat reports as directories; with `recursive` directories
+    // are descended into. False when the current directory cannot be read or the root cannot be
+    // opened. An empty root directory gives true and atEnd().
     bool open(bool includeAll, bool recursive, const std::string& root);
 
     // True when there is no current entry.
@@ -132,7 +138,10 @@ class DirectoryIterator {
 
     bool pushNextAccepted();
     bool accepts(const char* name) const;
-    bool currentIsRealDirectory() const;
+    // Whether the current entry leads to a directory (by the stat made when it was read).
+    bool currentLeadsToDirectory() const;
+    // Whether `directory` is the same directory as one already open on the walk.
+    bool isOpenAlready(DirHandle* directory) const;
 
     std::vector<DirHandle*> dirs_;
     std::vector<dirent64*> entries_;

@@ -1,5 +1,6 @@
 #include "nuvra/utils/directory.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <set>
 #include <string>
 
+#include "nuvra/testing/isolated_child_test_util.h"
 #include "nuvra/testing/temp_dir_test_util.h"
 #include "nuvra/utils/filesystem.h"
 
@@ -18,8 +20,8 @@ namespace {
 
 namespace stdfs = std::filesystem;
 
-// root_ holds a.txt b.log fifo sub/c.txt sub/deep/d.txt, and links out of the tree:
-// linkfile -> outside_/keep.txt, linkdir -> outside_, dangling -> nothing.
+// root_ holds a.txt b.log fifo sub/c.txt sub/deep/d.txt, sub/up -> root_, and links out of
+// the tree: linkfile -> outside_/keep.txt, linkdir -> outside_, dangling -> nothing.
 class DirectoryTest : public testing::TempTreeTest {
   protected:
     void SetUp() override {
@@ -32,6 +34,7 @@ class DirectoryTest : public testing::TempTreeTest {
         ASSERT_EQ(symlink((outside_ + "/keep.txt").c_str(), at("linkfile").c_str()), 0);
         ASSERT_EQ(symlink(outside_.c_str(), at("linkdir").c_str()), 0);
         ASSERT_EQ(symlink("/nonexistent", at("dangling").c_str()), 0);
+        ASSERT_EQ(symlink("..", at("sub/up").c_str()), 0);
     }
 
     // The paths a walk yields below `base`, sorted and space-separated. Checks on the way
@@ -78,8 +81,8 @@ TEST_F(DirectoryTest, ReadersReportLinksAsLinks) {
 }
 
 TEST_F(DirectoryTest, IteratorSelectsByModeAndFilters) {
-    // A dangling link is never yielded (stat fails on it); links are yielded but not
-    // descended into, and only yielded directories are descended into.
+    // A dangling link is never yielded (stat fails on it); a link to a directory is entered
+    // like one, unless it leads back up the walk; only yielded directories are entered.
     static const struct {
         bool includeAll, recursive;
         const char* filter;  // null: none added
@@ -87,12 +90,13 @@ TEST_F(DirectoryTest, IteratorSelectsByModeAndFilters) {
         const char* expected;
     } kCases[] = {
         {true, false, nullptr, 0, "a.txt b.log fifo linkdir linkfile sub"},
-        {false, true, nullptr, 0, "linkdir sub sub/deep"},
+        {false, true, nullptr, 0, "linkdir sub sub/deep sub/up"},
         {true, true, R"(.*\.txt)", 0, "a.txt"},
         {true, true, R"(.*\.txt|sub)", kFilterExclude, "b.log fifo linkdir linkfile"},
-        {true, true, "sub(/.*)?", kFilterRelativePath, "sub sub/c.txt sub/deep sub/deep/d.txt"},
+        {true, true, "sub(/.*)?", kFilterRelativePath,
+         "sub sub/c.txt sub/deep sub/deep/d.txt sub/up"},
         {true, true, "sub/deep", kFilterRelativePath | kFilterExclude,
-         "a.txt b.log fifo linkdir linkfile sub sub/c.txt"},
+         "a.txt b.log fifo linkdir linkdir/keep.txt linkfile sub sub/c.txt sub/up"},
         {true, false, R"(/tmp/nuvra_test_\w+/b\.log)", kFilterFullPath, "b.log"},
         {true, false, "(?i)A\\.TXT", 0, "a.txt"},  // Perl syntax
     };
@@ -117,7 +121,7 @@ TEST_F(DirectoryTest, RootsEndsAndQueries) {
     stdfs::current_path(root_);
     DirectoryIterator relative(true, false, "sub");
     stdfs::current_path(oldCwd);
-    EXPECT_EQ(walk(relative, at("sub")), "c.txt deep");
+    EXPECT_EQ(walk(relative, at("sub")), "c.txt deep up");
     DirectoryIterator it(true, false, at("sub/deep\\"));  // one trailing separator goes
     EXPECT_EQ(walk(it, at("sub/deep")), "d.txt");
 
@@ -128,17 +132,36 @@ TEST_F(DirectoryTest, RootsEndsAndQueries) {
     ASSERT_TRUE(it.open(true, true, at("empty")));
     EXPECT_FALSE(!it.atEnd() || it.next() || it.isDirectory() || it.isRegularFile());
     EXPECT_TRUE(it.currentPath().empty() && it.currentMode() == 0 && it.currentChangeTime() == 0);
-    EXPECT_FALSE(it.open(true, true, at("a.txt")));
+    EXPECT_FALSE(it.open(true, true, at("a.txt")) || it.open(true, false, "/"));
+}
+
+TEST_F(DirectoryTest, EntriesThatCannotBeStatedAreNotYielded) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root, to walk as another user";
+    }
+    // Others may list sub but not search it: its names can be read, not stat'ed.
+    ASSERT_EQ(chmod(root_.c_str(), 0711) + chmod(at("sub").c_str(), 0704), 0);
+    const auto result = testing::runIsolated(0, [this] {
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) {
+            return std::string("cannot become an unprivileged user");
+        }
+        DirectoryIterator it;
+        return std::to_string(static_cast<int>(it.open(true, true, at("sub")))) +
+               walk(it, at("sub"));
+    });
+    EXPECT_EQ(result.output, "1");  // opened, and nothing yielded
 }
 
 TEST_F(DirectoryTest, RemoveMatchingRemovesOnlyMatchingRegularFiles) {
     ASSERT_EQ(symlink(at("b.log").c_str(), at("link.txt").c_str()), 0);
     ASSERT_EQ(mkdir(at("dir.txt").c_str(), 0700), 0);
-    EXPECT_FALSE(removeMatching(root_, "(") || removeMatching(at("missing"), ".*"));
+    EXPECT_FALSE(removeMatching(root_, "") || removeMatching(root_, "(") ||
+                 removeMatching(at("missing"), ".*"));
     EXPECT_TRUE(removeMatching(root_, R"(.*\.txt|linkfile)"));
     DirectoryIterator left(true, true, root_);
     EXPECT_EQ(walk(left, root_),
-              "b.log dir.txt fifo linkdir sub sub/c.txt sub/deep sub/deep/d.txt");
+              "b.log dir.txt fifo linkdir linkdir/keep.txt sub sub/c.txt sub/deep sub/deep/d.txt "
+              "sub/up");
     expectOutsideUntouched();  // the link went, not its target
 }
 

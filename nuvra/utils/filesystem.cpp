@@ -207,8 +207,6 @@ int copyFile(const char* source, const char* destination, bool failIfExists, boo
     // call each. Without the memory the default buffers serve.
     StreamBuffers buffers;
     buffers.attach(in, out);
-    // Cleared so that what is left in errno after the copy comes from the copy itself.
-    errno = 0;
     char buffer[kCopyBufferSize];
     for (;;) {
         const size_t got = std::fread(buffer, 1, sizeof buffer, in);
@@ -216,6 +214,8 @@ int copyFile(const char* source, const char* destination, bool failIfExists, boo
             break;
         }
     }
+    // Not cleared before the copy: ENOENT from looking for an existing destination is kept
+    // too, and put back over whatever the closes leave.
     const int saved = errno;
     // Settled before the closes: a failure that only the final flush meets is left to errno.
     const int result = std::ferror(in) != 0    ? kCopySourceFailed

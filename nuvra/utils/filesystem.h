@@ -52,7 +52,9 @@ int removeTree(const char* path);
 // Removes the regular files (by stat, so a link to a regular file counts and is removed as a
 // link) directly inside `directory` whose names match the regular expression `filter` as a
 // whole; sub-directories are not entered. True only when every removal succeeded; false also
-// when the directory cannot be walked or `filter` does not compile.
+// when the directory cannot be walked. An empty `filter`, or one that does not compile, is
+// refused with false and nothing is removed: walking without it would remove every regular
+// file in the directory.
 bool removeMatching(const std::string& directory, const std::string& filter);
 
 // copyFile results.
@@ -64,9 +66,12 @@ constexpr int kCopyDestinationFailed = 2;
 // With `failIfExists`, an existing destination gives kCopyDestinationFailed with EEXIST and
 // is left alone. With `copyMode`, the destination gets the source's permission bits.
 // Returns kCopyOk, kCopySourceFailed or kCopyDestinationFailed; errno holds the failure.
+// errno is not cleared first: the error last met before the streams are closed is put back
+// after closing them, so even kCopyOk may leave one (ENOENT from looking for a destination
+// that did not exist, with `failIfExists`).
 // WARNING: the result is settled before the streams are closed, so a write error that shows
 // only when the destination is flushed at close (a full disk, say) returns kCopyOk with the
-// error left in errno.
+// error left in errno, unless an earlier one is put back over it.
 int copyFile(const char* source, const char* destination, bool failIfExists, bool copyMode);
 
 // Copies the regular files of `source` into `destination`, which is made (mode 0700, with

@@ -80,6 +80,7 @@ TEST_F(FileSystemTest, CopyFileResultsModesAndErrno) {
              std::tuple{at("src"), at("plain"), false, false, kCopyOk, 0},
              {at("src"), at("moded"), false, true, kCopyOk, 0},
              {at("src"), at("kept"), true, false, kCopyDestinationFailed, EEXIST},
+             {at("src"), at("new"), true, false, kCopyOk, ENOENT},  // from the look for "new"
              {at("src"), at("dir"), false, false, kCopyDestinationFailed, EISDIR},
              {at("src"), std::string("/dev/full"), false, false, kCopyDestinationFailed, ENOSPC},
              {at("missing"), at("d1"), false, false, kCopySourceFailed, ENOENT},

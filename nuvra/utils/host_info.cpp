@@ -1,6 +1,7 @@
 #include "nuvra/utils/host_info.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <fstab.h>
 #include <net/if.h>
 #include <netdb.h>
@@ -15,7 +16,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <ext/stdio_filebuf.h>
+#include <istream>
 #include <limits>
 
 #include "nuvra/tiny/internal/unique_resource.h"
@@ -280,10 +282,18 @@ bool getTotalMemoryFrom(const char* path, int64_t* bytes) {
         return false;
     }
     *bytes = 0;
-    std::ifstream file(path);
-    if (!file.is_open()) {
+    // Opened by hand so that the descriptor is close-on-exec, which std::ifstream cannot ask
+    // for; the file buffer takes it over and closes it.
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
         return false;
     }
+    __gnu_cxx::stdio_filebuf<char> buffer(fd, std::ios::in);
+    if (!buffer.is_open()) {
+        ::close(fd);
+        return false;
+    }
+    std::istream file(&buffer);
     static constexpr char kKey[] = "MemTotal:";
     char line[kMemInfoLineSize];
     while (file.getline(line, kMemInfoLineSize)) {

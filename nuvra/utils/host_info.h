@@ -9,7 +9,7 @@
 // it. getLocalAddresses alone writes a message (through perror).
 //
 // Texts copied into caller buffers are cut to size-1 bytes and always terminated within
-// `size`; a size of 0 writes nothing.
+// `size`; a size of 0 writes nothing. Every descriptor these functions open is close-on-exec.
 
 #ifndef NUVRA_UTILS_HOST_INFO_H_
 #define NUVRA_UTILS_HOST_INFO_H_

@@ -73,7 +73,9 @@ void captureToInt(const std::string& text, int& target) {
     }
 }
 
-// The whole content of `path` into `content`; false when it cannot be opened or read.
+// The whole content of `path` into `content`; false only when it cannot be opened. A read
+// error after the open leaves `content` empty: a release file that exists is searched, as
+// empty text, rather than passed over.
 bool readWholeFile(const std::string& path, std::string& content) {
     FILE* file = std::fopen(path.c_str(), "re");
     if (file == nullptr) {
@@ -84,9 +86,11 @@ bool readWholeFile(const std::string& path, std::string& content) {
     while ((got = std::fread(chunk, 1, sizeof chunk, file)) > 0) {
         content.append(chunk, got);
     }
-    const bool readFailed = std::ferror(file) != 0;
+    if (std::ferror(file) != 0) {
+        content.clear();
+    }
     static_cast<void>(std::fclose(file));
-    return !readFailed;
+    return true;
 }
 
 // Turns out.description, the first line of the row's file, into the row's description.

@@ -61,8 +61,10 @@ bool matchReleaseFile(const std::string& path, const std::string& pattern, int& 
 // Clears the captures, reads the whole file `path` and searches it for `pattern` (Perl
 // syntax, case-insensitive; "." matches a line break, "^" any line start). On a match the
 // captures get groups 1 to 3 (empty for a group that took no part) and `description` the
-// text up to the first CR or LF. False when the file cannot be opened or read, the pattern
-// does not compile or nothing matches; `description` is then untouched.
+// text up to the first CR or LF. A file that opens but cannot be read (a directory, say) is
+// searched as empty text, so a pattern that matches empty text still matches it. False when
+// the file cannot be opened, the pattern does not compile or nothing matches; `description`
+// is then untouched.
 bool searchReleaseFile(const std::string& path, const std::string& pattern, std::string& capture1,
                        std::string& capture2, std::string& capture3, std::string& description);
 

@@ -62,8 +62,12 @@ TEST(DetectOsInfo, TheFirstMatchingReleaseFileWins) {
     for (const auto& [files, expected] : kCases) {
         EXPECT_EQ(detectWith(files), expected) << files;
     }
-    std::string text[4];  // a pattern that does not compile matches nothing
-    EXPECT_FALSE(searchReleaseFile("/proc/version", "(", text[0], text[1], text[2], text[3]));
+    // A file that opens but cannot be read (a directory) is searched as empty text; a pattern
+    // that does not compile matches nothing.
+    std::string text[4] = {"x", "x", "x", "stale"};
+    EXPECT_TRUE(searchReleaseFile("/", "^$", text[0], text[1], text[2], text[3]));
+    EXPECT_EQ(text[0] + text[1] + text[2] + text[3], "");
+    EXPECT_FALSE(searchReleaseFile("/", "(", text[0], text[1], text[2], text[3]));
 }
 
 TEST(DetectOsInfo, TakesPlatformArchitectureAndKernelFromUname) {

@@ -53,9 +53,10 @@ class NStream {
     virtual int32_t writeRaw(const void* buffer, uint32_t length) = 0;
 
     // Writes all pending output through writeRaw, following short writes. Returns 0, or -1
-    // when writeRaw reports a failure; the bytes not yet written then stay pending (and the
-    // ones already delivered are dropped from the buffer), so a later flush tries again
-    // without writing anything twice.
+    // when writeRaw reports a failure. After a short write and then a failure only the
+    // undelivered tail stays pending, for a later flush to try again: the bytes already
+    // delivered are dropped from the buffer rather than kept as they were, which would
+    // write them a second time.
     int flush();
 
     // Reads up to `length` bytes: first whatever is buffered, otherwise one raw read of a
@@ -281,8 +282,9 @@ class NFile : public NFileStream {
     bool open(const char* path, int32_t access, int32_t disposition);
 
     // Flushes (ignoring failure), releases one lock level, detaches the lock record and
-    // closes the descriptor. Buffered input and any output that could not be flushed are
-    // dropped, so nothing of this file reaches the next one opened. Nothing when closed.
+    // closes the descriptor. Nothing when closed. Buffered input and any output that could
+    // not be flushed are dropped rather than kept in the buffers, where the next file opened
+    // on this object would read this one's bytes or receive its output.
     void close();
 
     // Cuts the file at the current descriptor position (buffered bytes are not counted).
