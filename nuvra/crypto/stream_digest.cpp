@@ -98,7 +98,7 @@ int foldLatin1EachByte(EVP_MD_CTX* context, const unsigned char* data, size_t co
     return result;
 }
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 
 void StreamDigest::BufDigest::Sha0Deleter::operator()(void* engine) const {
     delete static_cast<internal::Sha0*>(engine);

@@ -79,7 +79,7 @@ timespec sleepRequest(int32_t milliseconds) {
     return request;
 }
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 
 uint32_t currentTimeMs() {
     timeval now{};

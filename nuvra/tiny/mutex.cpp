@@ -23,7 +23,7 @@ void throwIfMutexInitFailed(int result) {
     }
 }
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 
 namespace {
 

@@ -113,7 +113,7 @@ ThreadSystemCalls setThreadSystemCallsForTesting(const ThreadSystemCalls& calls)
     return std::exchange(systemCalls, calls);
 }
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 
 const ThreadAttributes defaultThreadAttributes;
 

@@ -330,6 +330,6 @@ void setLocaleFields(OsInfo& info, const char* name) {
     copyString(info.defaultTerritory, info.territory, sizeof info.defaultTerritory);
 }
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 
 }  // namespace nuvra::utils

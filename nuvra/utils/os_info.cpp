@@ -219,5 +219,5 @@ void detectOsInfoAt(OsInfo& out, const std::string& root) {
     }
 }
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 }  // namespace nuvra::utils

@@ -26,7 +26,7 @@ int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t coun
 // else 1.
 int foldLatin1EachByte(EVP_MD_CTX* context, const unsigned char* data, size_t count);
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 }  // namespace nuvra::crypto
 
 #endif  // NUVRA_CRYPTO_INTERNAL_LATIN1_FOLD_H_

@@ -197,7 +197,7 @@ void Sha160<ScheduleRotation>::compress(const uint8_t* block) {
     }
 }
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 }  // namespace nuvra::crypto
 
 #endif  // NUVRA_CRYPTO_INTERNAL_SHA0_H_

@@ -76,7 +76,7 @@ struct DirDeleter {
 // A stream from opendir, closed with closedir.
 using UniqueDir = std::unique_ptr<DIR, DirDeleter>;
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 }  // namespace nuvra::tiny
 
 #endif  // NUVRA_TINY_INTERNAL_UNIQUE_RESOURCE_H_

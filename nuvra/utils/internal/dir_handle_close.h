@@ -12,7 +12,7 @@ namespace [[gnu::visibility("hidden")]] internal {
 // left allocated, as closeDir leaves it.
 int closeDirHandle(DirHandle* handle);
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 }  // namespace nuvra::utils
 
 #endif  // NUVRA_UTILS_INTERNAL_DIR_HANDLE_CLOSE_H_

@@ -18,7 +18,7 @@ bool getTotalMemoryFrom(const char* path, int64_t* bytes);
 // them from the locale name `name`. A null name, "C" and "POSIX" leave them empty.
 void setLocaleFields(OsInfo& info, const char* name);
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 }  // namespace nuvra::utils
 
 #endif  // NUVRA_UTILS_INTERNAL_HOST_INFO_SEAM_H_

@@ -22,7 +22,7 @@ bool isVirtualApplianceAt(const std::string& root);
 // The uname step of detectOsInfo for a machine name and kernel release.
 void applyUname(OsInfo& out, const char* machine, const char* release);
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 }  // namespace nuvra::utils
 
 #endif  // NUVRA_UTILS_INTERNAL_OS_INFO_SEAM_H_

@@ -25,7 +25,7 @@ bool absoluteAgainstCwd(const std::string& path, size_t bufferSize, std::string&
 // none of them.
 unsigned char entryTypeOf(mode_t mode);
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 }  // namespace nuvra::utils
 
 #endif  // NUVRA_UTILS_INTERNAL_PATHS_H_
