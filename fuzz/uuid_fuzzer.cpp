@@ -1,5 +1,6 @@
-// Feeds arbitrary text to the GUID parsers: a text accepted must print back as itself in
-// lower case, one rejected must leave the all-zero value, and parse() must agree.
+// Feeds arbitrary text to the GUID parsers: a text accepted must print back as itself, up to
+// its first NUL, in lower case; one rejected must leave the all-zero value; and parse() must
+// agree.
 
 #include <algorithm>
 #include <cctype>
@@ -15,6 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const Uuid parsed = Uuid::fromString(text);
     Uuid other(Uuid::Bytes{}, false);
     FUZZ_CHECK(other.parse(text) == parsed.isValid() && other.bytes() == parsed.bytes());
+    text.resize(std::min(text.size(), text.find('\0')));
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char c) { return std::tolower(c); });
     FUZZ_CHECK(parsed.isValid() ? parsed.toString() == text : parsed.bytes() == Uuid::Bytes{});

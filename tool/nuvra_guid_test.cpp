@@ -42,7 +42,12 @@ TEST(NuvraGuid, PrintsOneNewGuidLineEachRunWhateverTheArguments) {
 TEST(NuvraGuid, ExitsZeroSilentlyWhenOutputFails) {
     expectCleanExit(runTool(Stdout::kClosed));
     expectCleanExit(runTool(Stdout::kDevFull));
-    expectCleanExit(runTool(Stdout::kPipeWithoutReader));  // SIGPIPE at its default action
+}
+
+TEST(NuvraGuid, EndsBySigpipeWhenTheReaderHasGone) {
+    const SpawnResult result = runTool(Stdout::kPipeWithoutReader);
+    EXPECT_TRUE(WIFSIGNALED(result.status) && WTERMSIG(result.status) == SIGPIPE) << result.status;
+    EXPECT_EQ(result.err, "");
 }
 
 }  // namespace

@@ -158,11 +158,16 @@ namespace [[gnu::visibility("hidden")]] internal {
 
 void setWaitPollMsForTesting(int32_t milliseconds) { waitPollMs = milliseconds; }
 
-}  // namespace gnu::visibility("hidden")]]internal
+}  // namespace internal
 
 // ---- PipeChannel ----
 
-PipeChannel::~PipeChannel() { close(); }
+PipeChannel::~PipeChannel() {
+    // An attached descriptor stays the caller's: only an explicit close() closes it.
+    if (!attached_) {
+        close();
+    }
+}
 
 bool PipeChannel::open(const PipeSpec& spec) {
     if (readOpen || writeOpen) {
@@ -172,6 +177,7 @@ bool PipeChannel::open(const PipeSpec& spec) {
     if (!spec.name.empty()) {
         return false;
     }
+    attached_ = false;
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
         return false;
@@ -188,6 +194,7 @@ bool PipeChannel::attach(const PipeSpec& spec, int descriptor) {
         return false;
     }
     mode = spec.mode;
+    attached_ = true;
     if ((mode & PipeSpec::kModeRead) != 0) {
         readFd = descriptor;
         readOpen = true;
@@ -421,9 +428,6 @@ int32_t ChildProcess::writeLine(const std::string& text) {
 // ---- Process controls ----
 
 int waitForProcess(pid_t pid) {
-    if (pid <= 0) {
-        return -1;
-    }
     int status = 0;
     if (waitpid(pid, &status, 0) != pid) {
         return -1;
@@ -441,11 +445,13 @@ bool killProcess(pid_t pid) {
 }
 
 int waitForProcessTimeout(pid_t pid, uint32_t seconds) {
-    if (seconds == 0 || seconds == kNoLimitSeconds) {
-        return waitForProcess(pid);
-    }
+    // Refused before any wait: a time limit would end in killProcess, and without one the
+    // answer for a group or any child is -1 anyway.
     if (pid <= 0) {
         return -1;
+    }
+    if (seconds == 0 || seconds == kNoLimitSeconds) {
+        return waitForProcess(pid);
     }
     const uint64_t startMs = tickClockMs();
     const uint32_t limitMs = seconds * 1000u;  // wraps for limits past 49 days, as it always has
@@ -526,10 +532,12 @@ bool parseInteger(const std::string& text, int& out) {
     char* end = nullptr;
     errno = 0;
     const long value = std::strtol(text.c_str(), &end, 10);
-    if (*end != '\0' || errno == ERANGE || value < INT_MIN || value > INT_MAX) {
+    if (end == text.c_str() || *end != '\0') {
         return false;
     }
-    out = static_cast<int>(value);
+    // Clamped, where long is wider than int, as strtol itself clamps where they are the same
+    // width: out-of-range text gives the nearest int on every target.
+    out = value < INT_MIN ? INT_MIN : value > INT_MAX ? INT_MAX : static_cast<int>(value);
     return true;
 }
 

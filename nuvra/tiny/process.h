@@ -40,7 +40,8 @@ struct PipeSpec {
 };
 
 // One pipe, or one descriptor attached as the read end, the write end or both. The channel
-// owns its open descriptors and closes them when destroyed. Ends are numbered: 1 is the read
+// closes the pipe it opened itself when destroyed; an attached descriptor stays the caller's
+// and is closed only by closeEnd() or close(). Ends are numbered: 1 is the read
 // end, 2 the write end; any other number is refused.
 //
 // `mode` bit 0 asks for the read end, bit 1 for the write end; 3 means one descriptor serves
@@ -63,9 +64,9 @@ class PipeChannel {
     // not supported; the mode is still taken), or when pipe creation fails.
     bool open(const PipeSpec& spec);
 
-    // Takes ownership of `descriptor` as the read end (mode bit 0), the write end (bit 1) or
-    // both (3). False when `spec.name` is not empty, `descriptor` is -1, or an end is already
-    // open (the descriptor then stays the caller's).
+    // Takes `descriptor` (still the caller's, see above) as the read end (mode bit 0), the write
+    // end (bit 1) or both (3). False when `spec.name` is not empty, `descriptor` is -1, or an end
+    // is already open (the descriptor then stays the caller's).
     bool attach(const PipeSpec& spec, int descriptor);
 
     // Closes one end. False for an end other than 1 or 2 and when close fails; true when the
@@ -96,6 +97,9 @@ class PipeChannel {
     int writeFd = -1;
     uint32_t mode = 0;
     std::string name;
+
+  private:
+    bool attached_ = false;  // the open ends came from attach(): not closed by the destructor
 };
 
 // Descriptors to keep or to close in a child before it executes its program. With
@@ -223,9 +227,10 @@ class ChildProcess {
     int execFailureCode_ = -1;
 };
 
-// waitpid(pid) without options. The exit status of a child that exited normally; -1 when
-// waitpid did not return `pid`, when the child was killed or stopped, and for exit status
-// 255. A `pid` of 0 or below (a process group or any child) is refused with -1.
+// waitpid(pid) without options, `pid` as given: -1 waits for any child and 0 for any child in
+// the caller's process group (and then gives -1, as waitpid returns another pid). The exit
+// status of a child that exited normally; -1 when waitpid did not return `pid`, when the child
+// was killed or stopped, and for exit status 255.
 int waitForProcess(pid_t pid);
 
 // Sends SIGKILL to `pid`, then reaps it with waitForProcess whatever kill returned. True when
@@ -237,7 +242,9 @@ bool killProcess(pid_t pid);
 // waitForProcess). Otherwise polls with waitpid(WNOHANG), sleeping 1000 ms between polls;
 // at the first poll at which more than seconds * 1000 ms (computed in 32 bits) have passed on
 // the tick clock, kills and reaps the child and returns -1. A child that ended gives its
-// status as waitForProcess decodes it; any waitpid error but EINTR gives -1.
+// status as waitForProcess decodes it; any waitpid error but EINTR gives -1. A `pid` of 0 or
+// below is refused with -1, with or without a limit: the kill at the limit would otherwise
+// signal a whole process group, or every process.
 int waitForProcessTimeout(pid_t pid, uint32_t seconds);
 
 // setpriority(PRIO_PROCESS, pid, priority); true on success. A priority of -1 is refused with
@@ -261,9 +268,9 @@ void closeDescriptors(DescriptorList& list);
 // close list.
 void keepDescriptor(DescriptorList& list, int fd);
 
-// Parses `text` as a decimal int with strtol (leading white space allowed). False, leaving
-// `out` alone, for empty text, when anything is left unparsed, or when the value does not
-// fit an int.
+// Parses `text` as a decimal int with strtol (leading white space allowed). A value outside
+// int is clamped to INT_MIN or INT_MAX and succeeds, on every target. False, leaving `out`
+// alone, for text without a number or when anything is left unparsed.
 bool parseInteger(const std::string& text, int& out);
 
 // Starts the program `program` (searched on PATH) with the single argument `argument` (may be

@@ -48,6 +48,9 @@ TEST(PipeChannel, ClosesAnEndOnceAndBothEndsOfOneDescriptorTogether) {
     char byte = 'x';
     int32_t count = -1;
     EXPECT_FALSE(shared.writeOpen || shared.write(&byte, 1, count) || shared.read(&byte, 1, count));
+    const int borrowed = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    PipeChannel{}.attach({}, borrowed);
+    EXPECT_EQ(close(borrowed), 0);  // still the caller's after the channel went
 }
 
 TEST(Launchers, DecodeTheExitStatusAlsoWithoutATimeLimit) {
@@ -80,12 +83,20 @@ TEST(WaitForProcessTimeout, KillsAtTheFirstPollPastTheLimit) {
     EXPECT_TRUE(wasReaped(pid));
 }
 
-TEST(ProcessControls, ParseIntegerTakesOnlyWholeDecimalInts) {
+TEST(ProcessControls, ParseIntegerTakesWholeDecimalNumbersClampedToInt) {
     int value = 0;
-    EXPECT_TRUE(parseInteger("-2147483648", value));
-    EXPECT_FALSE(parseInteger("", value) || parseInteger("12x", value) ||
-                 parseInteger("2147483648", value));
+    EXPECT_TRUE(parseInteger(" 2147483648", value) && value == INT32_MAX);
+    EXPECT_TRUE(parseInteger("-99999999999999999999", value) && value == INT32_MIN);
+    EXPECT_FALSE(parseInteger("", value) || parseInteger("12x", value) || parseInteger("-", value));
     EXPECT_EQ(value, INT32_MIN);  // left alone by the failures
+}
+
+TEST(ProcessControls, WaitForProcessTakesAnyPidButTheTimedWaitRefusesGroups) {
+    const pid_t pid = spawnProgram("true", nullptr, nullptr);
+    EXPECT_EQ(waitForProcessTimeout(-1, 0) + waitForProcessTimeout(0, 5), -2);
+    EXPECT_FALSE(wasReaped(pid));
+    EXPECT_EQ(waitForProcess(-1), -1);  // reaps any child, whose pid is not -1
+    EXPECT_TRUE(wasReaped(pid));
 }
 
 // The descriptors a child has open after closing them by `keepList`.

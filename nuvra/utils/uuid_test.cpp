@@ -26,13 +26,16 @@ TEST(UuidText, StorageSwapsTheFirstThreeGroupsAndPrintsLowerCase) {
 }
 
 // The valid flag takes no part in comparisons: the zero value of a rejected text equals null.
+// The text ends at its first NUL, whatever follows it.
 TEST(UuidText, RejectedTextGivesTheZeroValueWhichEqualsNull) {
     for (const std::string& text : {std::string("001122334-455-6677-8899-aabbccddeeff"),
-                                    std::string("00112233-4455-6677-8899-aabbccddeeff\0", 37)}) {
+                                    std::string("00112233-4455-6677-8899-aabbccddeef\0f", 37)}) {
         const Uuid uuid = Uuid::fromString(text);
         EXPECT_TRUE(!uuid.isValid() && uuid.bytes() == Uuid::Bytes{} && uuid == nullUuid) << text;
     }
     EXPECT_TRUE(nullUuid.isValid());
+    const Uuid cut = Uuid::fromString(std::string("00112233-4455-6677-8899-aabbccddeeff\0xyz", 40));
+    EXPECT_EQ(cut.isValid() ? cut.toString() : "", "00112233-4455-6677-8899-aabbccddeeff");
 }
 
 // Storage byte 0 holds the last byte of the first group, and is compared first.
