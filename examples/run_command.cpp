@@ -53,7 +53,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "run_command: cannot start %s\n", argv[2]);
         return 125;
     }
-    child.stdinPipe().close();  // the command reads end of data, never our terminal
+    // The command reads end of data, never our terminal; should the close fail, a command that
+    // reads its input would wait and meet the time limit.
+    static_cast<void>(child.stdinPipe().close());
 
     PipeChannel* channels[] = {&child.stdoutPipe(), &child.stderrPipe()};
     const int targets[] = {STDOUT_FILENO, STDERR_FILENO};
@@ -63,7 +65,7 @@ int main(int argc, char** argv) {
     while (open > 0) {
         const uint64_t elapsedMs = nuvra::tiny::tickClockMs() - startMs;
         if (elapsedMs >= limitMs) {
-            nuvra::tiny::killProcess(child.pid());  // kills and reaps it
+            static_cast<void>(nuvra::tiny::killProcess(child.pid()));  // kills and reaps it
             std::fprintf(stderr, "run_command: %s took longer than %s s\n", argv[2], argv[1]);
             return 124;
         }

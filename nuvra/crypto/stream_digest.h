@@ -71,7 +71,7 @@ class StreamDigest : public std::ostream {
         void useSha0();
 
         // True when no digest is in progress: after construction and after every finish.
-        bool needsInitialisation() const { return needsInitialisation_; }
+        [[nodiscard]] bool needsInitialisation() const { return needsInitialisation_; }
 
         // Starts a digest when none is in progress, as the next written byte would; so that
         // finishing right away gives the digest of empty input.
@@ -81,7 +81,7 @@ class StreamDigest : public std::ostream {
         // `output` (room for 64 bytes) and returns its length; the next byte starts a new
         // digest. Returns 0 and writes nothing when no digest is in progress, when the
         // digest could not be started or finished, or for the null algorithm.
-        uint32_t finish(unsigned char* output);
+        [[nodiscard]] uint32_t finish(unsigned char* output);
 
       protected:
         // Each reports success whatever happens: failures go to the error handler.
@@ -100,7 +100,7 @@ class StreamDigest : public std::ostream {
         // a file copied in 4 KiB pieces goes to the digest without a copy.
         static constexpr std::ptrdiff_t kPutAreaSize = 4096;
 
-        bool hash(const unsigned char* data, size_t count);
+        [[nodiscard]] bool hash(const unsigned char* data, size_t count);
         // hash(), recording a failure with the error handler.
         void hashOrRecord(const char_type* data, size_t count);
         // Hashes the bytes in the put area and empties it.
@@ -167,7 +167,7 @@ class StreamDigestMD5 : public StreamDigest {
     // callers were made this way.
     explicit StreamDigestMD5(bool foldUtf8ToLatin1);
 
-    bool foldsUtf8ToLatin1() const { return foldUtf8ToLatin1_; }
+    [[nodiscard]] bool foldsUtf8ToLatin1() const { return foldUtf8ToLatin1_; }
 
   private:
     bool foldUtf8ToLatin1_;

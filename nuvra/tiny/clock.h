@@ -45,21 +45,21 @@ void sleepMs(int32_t milliseconds, bool resume);
 
 // asctime_r and ctime_r: write the 26-byte text (with its line feed) into `buffer`, which
 // must hold at least 26 bytes. Return `buffer`, or null on failure.
-char* asctimeR(const std::tm* time, char* buffer);
-char* ctimeR(const std::time_t* time, char* buffer);
+[[nodiscard]] char* asctimeR(const std::tm* time, char* buffer);
+[[nodiscard]] char* ctimeR(const std::time_t* time, char* buffer);
 
 // gmtime_r and localtime_r: fill `result` and return it, or null when the time cannot be
 // represented (e.g. its year overflows).
-std::tm* gmtimeR(const std::time_t* time, std::tm* result);
-std::tm* localtimeR(const std::time_t* time, std::tm* result);
+[[nodiscard]] std::tm* gmtimeR(const std::time_t* time, std::tm* result);
+[[nodiscard]] std::tm* localtimeR(const std::time_t* time, std::tm* result);
 
 // The current time (time()) as local time in `result`; returns `result`, or null on failure.
-std::tm* currentLocalTime(std::tm* result);
+[[nodiscard]] std::tm* currentLocalTime(std::tm* result);
 
 // Local time minus UTC at `time`, in minutes (120 for a zone two hours east of Greenwich,
 // -300 for five hours west), following the TZ setting as tzset() last read it. 0 when either
 // conversion fails.
-int32_t utcOffsetMinutes(std::time_t time);
+[[nodiscard]] int32_t utcOffsetMinutes(std::time_t time);
 
 // "Jan" to "Dec" for 0 to 11; "Jan" for any larger index. Never null.
 const char* monthAbbreviation(uint32_t index);
@@ -131,7 +131,7 @@ class IntervalTimer {
     // Whole seconds since the start of the current interval. WARNING: reads the start without
     // the lock, and is meaningless for a stopped timer (it then counts from the tick clock's
     // origin).
-    uint32_t elapsedSeconds() const;
+    [[nodiscard]] uint32_t elapsedSeconds() const;
 
     // The interval minus elapsedSeconds(); negative once the timer is overdue.
     int32_t remainingSeconds();

@@ -36,13 +36,13 @@ class NMutex {
     virtual void lock();
     // False only when another thread holds the mutex (EBUSY); true when it was taken, and
     // also for any other error.
-    virtual bool tryLock();
+    [[nodiscard]] virtual bool tryLock();
     virtual void unlock();
 
     virtual void acquire();
     virtual void enter();
-    virtual bool tryAcquire();
-    virtual bool tryEnter();
+    [[nodiscard]] virtual bool tryAcquire();
+    [[nodiscard]] virtual bool tryEnter();
     virtual void relock();
     virtual void release();
 

@@ -165,7 +165,7 @@ void setWaitPollMsForTesting(int32_t milliseconds) { waitPollMs = milliseconds; 
 PipeChannel::~PipeChannel() {
     // An attached descriptor stays the caller's: only an explicit close() closes it.
     if (!attached_) {
-        close();
+        static_cast<void>(close());  // nothing left to report a failed close to
     }
 }
 
@@ -295,11 +295,12 @@ ChildProcess::ChildProcess(uint32_t flags, int priority, DescriptorList* keepLis
 }
 
 ChildProcess::~ChildProcess() {
-    stdinPipe_.close();
-    stdoutPipe_.close();
-    stderrPipe_.close();
+    // Best effort: nothing is left to report a failure to.
+    static_cast<void>(stdinPipe_.close());
+    static_cast<void>(stdoutPipe_.close());
+    static_cast<void>(stderrPipe_.close());
     if (childPid_ != -1 && (flags_ & KillOnDestroy) != 0) {
-        killProcess(childPid_);
+        static_cast<void>(killProcess(childPid_));
     }
 }
 
@@ -331,16 +332,18 @@ bool ChildProcess::start(const char* const argv[]) {
     if (childPid_ == -1) {
         return false;
     }
+    // The child has its own copies of these ends; the child is running whether or not the
+    // parent's copy closes, so a failure changes nothing start() could report.
     if (redirectStdio) {
-        stdinPipe_.closeEnd(PipeChannel::kReadEnd);
-        stdoutPipe_.closeEnd(PipeChannel::kWriteEnd);
+        static_cast<void>(stdinPipe_.closeEnd(PipeChannel::kReadEnd));
+        static_cast<void>(stdoutPipe_.closeEnd(PipeChannel::kWriteEnd));
     }
     if (redirectStderr) {
-        stderrPipe_.closeEnd(PipeChannel::kWriteEnd);
+        static_cast<void>(stderrPipe_.closeEnd(PipeChannel::kWriteEnd));
     }
     if (priority_ != -1) {
         // pid_ still names the previous child (or -1) here; see the header.
-        setProcessPriority(pid_, priority_);
+        static_cast<void>(setProcessPriority(pid_, priority_));  // best effort: the child runs anyway
     }
     pid_ = childPid_;
     return true;
@@ -421,7 +424,7 @@ int32_t ChildProcess::writeLine(const std::string& text) {
     int32_t written = 0;
     const int32_t size =
         line.size() > size_t{INT32_MAX} ? INT32_MAX : static_cast<int32_t>(line.size());
-    stdinPipe_.write(line.data(), size, written);
+    static_cast<void>(stdinPipe_.write(line.data(), size, written));  // `written` is 0 on failure
     return written;
 }
 
@@ -440,7 +443,7 @@ bool killProcess(pid_t pid) {
         return false;
     }
     const bool sent = kill(pid, SIGKILL) == 0;
-    waitForProcess(pid);
+    static_cast<void>(waitForProcess(pid));  // only reaps: the status of a killed child is -1
     return sent;
 }
 
@@ -461,7 +464,7 @@ int waitForProcessTimeout(pid_t pid, uint32_t seconds) {
         if (result == 0) {
             const uint64_t elapsedMs = tickClockMs() - startMs;
             if (elapsedMs > kMaxWaitMs || elapsedMs > limitMs) {
-                killProcess(pid);
+                static_cast<void>(killProcess(pid));  // -1 whether or not the kill went through
                 return -1;
             }
             sleepMs(waitPollMs.load(), false);

@@ -62,34 +62,34 @@ class PipeChannel {
     // Creates an anonymous pipe (close-on-exec) with both ends open and takes `spec.mode`.
     // False when either end is already open, when `spec.name` is not empty (named pipes are
     // not supported; the mode is still taken), or when pipe creation fails.
-    bool open(const PipeSpec& spec);
+    [[nodiscard]] bool open(const PipeSpec& spec);
 
     // Takes `descriptor` (still the caller's, see above) as the read end (mode bit 0), the write
     // end (bit 1) or both (3). False when `spec.name` is not empty, `descriptor` is -1, or an end
     // is already open (the descriptor then stays the caller's).
-    bool attach(const PipeSpec& spec, int descriptor);
+    [[nodiscard]] bool attach(const PipeSpec& spec, int descriptor);
 
     // Closes one end. False for an end other than 1 or 2 and when close fails; true when the
     // end was not open.
-    bool closeEnd(int end);
+    [[nodiscard]] bool closeEnd(int end);
 
     // closeEnd(1) then closeEnd(2); true when both succeeded.
-    bool close();
+    [[nodiscard]] bool close();
 
     // The descriptor of end 1 or 2 (whether open or not) into `out`; false for any other end.
-    bool descriptor(int end, int& out) const;
+    [[nodiscard]] bool descriptor(int end, int& out) const;
 
     // One read() of at most `size` bytes (a negative size counts as 2147483647) into
     // `buffer`. True with `count` > 0 when data arrived; false with `count` 0 at end of data,
     // on error (errno from read, EINTR included) and when the read end is not open.
-    bool read(void* buffer, int32_t size, int32_t& count);
+    [[nodiscard]] bool read(void* buffer, int32_t size, int32_t& count);
 
     // One write() of `size` bytes, repeated only while it is interrupted (EINTR). A short
     // write is not continued: `count` tells how much went. False with `count` 0 on any other
     // error and when the write end is not open.
     // WARNING: writing to a pipe whose reader has gone raises SIGPIPE in the caller, which
     // ends the process unless the signal is ignored or handled.
-    bool write(const void* buffer, int32_t size, int32_t& count);
+    [[nodiscard]] bool write(const void* buffer, int32_t size, int32_t& count);
 
     bool readOpen = false;
     bool writeOpen = false;
@@ -162,43 +162,43 @@ class ChildProcess {
     // WARNING: the niceness is applied, after the fork, to the process that pid() named
     // before this start: on a first start that is -1, which names no process, so the new
     // child keeps the caller's niceness; a second start gives it to the first child. Kept so.
-    bool start(const char* const argv[]);
+    [[nodiscard]] bool start(const char* const argv[]);
 
     // Waits for the child without limit (waitForProcess). -1 before a successful start.
-    int waitForExit() const;
+    [[nodiscard]] int waitForExit() const;
 
     // Waits for the child for at most `seconds` (waitForProcessTimeout: polled once a second,
     // killed at the first poll past the limit). -1 before a successful start.
-    int waitForExit(uint32_t seconds) const;
+    [[nodiscard]] int waitForExit(uint32_t seconds) const;
 
     // Clears `line` and reads the next line of the child's standard output (or error) into
     // it, the line feed included; at end of data the text collected so far, without one.
     // Returns the length of `line`; 0 at end of data and when that pipe was not requested or
     // could not be opened. Reads 512 bytes at a time and keeps what follows the line for the
     // next call. A NUL byte in the output ends the text of that read.
-    size_t readStdoutLine(std::string& line);
-    size_t readStderrLine(std::string& line);
+    [[nodiscard]] size_t readStdoutLine(std::string& line);
+    [[nodiscard]] size_t readStderrLine(std::string& line);
 
     // Appends to `out` what a line read left over, then what one read of at most 512 bytes
     // brings. False at end of data and on error (even when left-over text was appended), and
     // when that pipe was not requested or could not be opened.
-    bool readStdout(std::string& out);
-    bool readStderr(std::string& out);
+    [[nodiscard]] bool readStdout(std::string& out);
+    [[nodiscard]] bool readStderr(std::string& out);
 
     // Writes `text`, with a line feed added unless it ends with one, to the child's standard
     // input in one write. Returns the bytes written; 0 on failure or when standard input is
     // not piped. See PipeChannel::write about SIGPIPE.
-    int32_t writeLine(const std::string& text);
+    [[nodiscard]] int32_t writeLine(const std::string& text);
 
-    uint32_t flags() const { return flags_; }
+    [[nodiscard]] uint32_t flags() const { return flags_; }
     // The child's id once a start succeeded; -1 before.
-    pid_t pid() const { return pid_; }
+    [[nodiscard]] pid_t pid() const { return pid_; }
     // The result of the last fork; -1 before any.
-    pid_t childPid() const { return childPid_; }
-    int priority() const { return priority_; }
-    int execFailureCode() const { return execFailureCode_; }
-    bool stdioReady() const { return stdioReady_; }
-    bool stderrReady() const { return stderrReady_; }
+    [[nodiscard]] pid_t childPid() const { return childPid_; }
+    [[nodiscard]] int priority() const { return priority_; }
+    [[nodiscard]] int execFailureCode() const { return execFailureCode_; }
+    [[nodiscard]] bool stdioReady() const { return stdioReady_; }
+    [[nodiscard]] bool stderrReady() const { return stderrReady_; }
 
     // The parent's ends after start: write to stdinPipe(), read from the other two. Closing
     // stdinPipe() gives the child end of data on its input.
@@ -231,12 +231,12 @@ class ChildProcess {
 // the caller's process group (and then gives -1, as waitpid returns another pid). The exit
 // status of a child that exited normally; -1 when waitpid did not return `pid`, when the child
 // was killed or stopped, and for exit status 255.
-int waitForProcess(pid_t pid);
+[[nodiscard]] int waitForProcess(pid_t pid);
 
 // Sends SIGKILL to `pid`, then reaps it with waitForProcess whatever kill returned. True when
 // the signal was sent. A `pid` of 0 or below (which would signal a whole process group, or
 // every process) is refused with false.
-bool killProcess(pid_t pid);
+[[nodiscard]] bool killProcess(pid_t pid);
 
 // Waits for `pid` for at most `seconds`; 0 and 4294967295 mean without limit (as
 // waitForProcess). Otherwise polls with waitpid(WNOHANG), sleeping 1000 ms between polls;
@@ -245,15 +245,15 @@ bool killProcess(pid_t pid);
 // status as waitForProcess decodes it; any waitpid error but EINTR gives -1. A `pid` of 0 or
 // below is refused with -1, with or without a limit: the kill at the limit would otherwise
 // signal a whole process group, or every process.
-int waitForProcessTimeout(pid_t pid, uint32_t seconds);
+[[nodiscard]] int waitForProcessTimeout(pid_t pid, uint32_t seconds);
 
 // setpriority(PRIO_PROCESS, pid, priority); true on success. A priority of -1 is refused with
 // false without any call (so -1 cannot be set).
-bool setProcessPriority(pid_t pid, int priority);
+[[nodiscard]] bool setProcessPriority(pid_t pid, int priority);
 
 // Writes `value` to /proc/<pid>/oom_adj. False only when the file cannot be opened: a value
 // the kernel refuses still gives true.
-bool setOomAdjust(pid_t pid, int value);
+[[nodiscard]] bool setOomAdjust(pid_t pid, int value);
 
 // Closes descriptors of the calling process by `list` (see DescriptorList), reading the open
 // ones from /proc/<pid>/fd. When that directory cannot be read it goes by the descriptor
@@ -271,24 +271,25 @@ void keepDescriptor(DescriptorList& list, int fd);
 // Parses `text` as a decimal int with strtol (leading white space allowed). A value outside
 // int is clamped to INT_MIN or INT_MAX and succeeds, on every target. False, leaving `out`
 // alone, for text without a number or when anything is left unparsed.
-bool parseInteger(const std::string& text, int& out);
+[[nodiscard]] bool parseInteger(const std::string& text, int& out);
 
 // Starts the program `program` (searched on PATH) with the single argument `argument` (may be
 // null for none) and does not wait. Returns the child's pid, -1 when the start fails; stores
 // the same into `*pidOut` when it is given. The child is never killed by these launchers.
-pid_t spawnProgram(const char* program, const char* argument, pid_t* pidOut);
+[[nodiscard]] pid_t spawnProgram(const char* program, const char* argument, pid_t* pidOut);
 
 // As spawnProgram, but the child closes every descriptor before executing, standard input,
 // output and error included.
-pid_t spawnProgramClosingDescriptors(const char* program, const char* argument, pid_t* pidOut);
+[[nodiscard]] pid_t spawnProgramClosingDescriptors(const char* program, const char* argument,
+                                                   pid_t* pidOut);
 
 // Starts the program with the single argument and waits for it without limit: its status as
 // waitForProcess gives it, -1 when the start fails.
-int runProgram(const char* program, const char* argument);
+[[nodiscard]] int runProgram(const char* program, const char* argument);
 
 // spawnProgram and runProgram with a whole null-terminated argument vector.
-pid_t spawnArgv(const char* const argv[], pid_t* pidOut);
-int runArgv(const char* const argv[]);
+[[nodiscard]] pid_t spawnArgv(const char* const argv[], pid_t* pidOut);
+[[nodiscard]] int runArgv(const char* const argv[]);
 
 }  // namespace nuvra::tiny
 

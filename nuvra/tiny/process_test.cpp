@@ -49,7 +49,7 @@ TEST(PipeChannel, ClosesAnEndOnceAndBothEndsOfOneDescriptorTogether) {
     int32_t count = -1;
     EXPECT_FALSE(shared.writeOpen || shared.write(&byte, 1, count) || shared.read(&byte, 1, count));
     const int borrowed = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    PipeChannel{}.attach({}, borrowed);
+    EXPECT_TRUE(PipeChannel{}.attach({}, borrowed));
     EXPECT_EQ(close(borrowed), 0);  // still the caller's after the channel went
 }
 

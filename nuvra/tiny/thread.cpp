@@ -299,7 +299,8 @@ bool interruptThreads(const std::vector<pthread_t>& threads) {
             everyoneSignalled = false;
         }
     }
-    sigUsr2Guard.uninstall();
+    // The result speaks of the signals only; a handler that cannot be restored stays installed.
+    static_cast<void>(sigUsr2Guard.uninstall());
     return everyoneSignalled;
 }
 

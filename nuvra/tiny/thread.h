@@ -65,12 +65,12 @@ class ThreadCallbacks {
         Ptr& operator=(const Ptr& other);
         ~Ptr();
 
-        ThreadCallbacks* get() const { return callbacks_; }
+        [[nodiscard]] ThreadCallbacks* get() const { return callbacks_; }
         ThreadCallbacks* operator->() const { return callbacks_; }
         explicit operator bool() const { return callbacks_ != nullptr; }
         // The number of references to the registry; 0 for a null Ptr. For diagnostics: other
         // threads may change it at any moment.
-        int32_t useCount() const;
+        [[nodiscard]] int32_t useCount() const;
 
       private:
         void reset();
@@ -82,7 +82,7 @@ class ThreadCallbacks {
     // once exit has dropped the registry's own reference. Only the first use may throw:
     // std::runtime_error from the registry's NMutex, or std::bad_alloc; any other exception ends
     // the process.
-    static Ptr instance();
+    [[nodiscard]] static Ptr instance();
 
     ThreadCallbacks(const ThreadCallbacks&) = delete;
     ThreadCallbacks& operator=(const ThreadCallbacks&) = delete;
@@ -106,8 +106,8 @@ class ThreadCallbacks {
 // false and changes nothing when exactly one is null: a thread must never see a start without
 // its matching end, and also once exit has dropped the registry. Threads already started keep
 // the hooks they read at their start. May throw what ThreadCallbacks::instance() throws.
-bool setThreadCallbacks(ThreadCallbacks::StartHook onThreadStart,
-                        ThreadCallbacks::ExitHook onThreadExit);
+[[nodiscard]] bool setThreadCallbacks(ThreadCallbacks::StartHook onThreadStart,
+                                      ThreadCallbacks::ExitHook onThreadExit);
 
 // Copies both hooks of `registry` out, together, under its lock; a null `registry` gives null
 // hooks.
@@ -135,23 +135,23 @@ using ThreadFunction = void (*)(void* argument);
 // ThreadCallbacks::instance()).
 //
 // WARNING: an exception that leaves `function` or a hook ends the process.
-bool createThread(ThreadFunction function, void* argument, pthread_t* handle,
-                  const ThreadAttributes& attributes = defaultThreadAttributes);
+[[nodiscard]] bool createThread(ThreadFunction function, void* argument, pthread_t* handle,
+                                const ThreadAttributes& attributes = defaultThreadAttributes);
 
 // Waits for the thread to end. A zero handle gives 0 without any call; otherwise the result
 // of pthread_join.
-int joinThreadStatus(pthread_t handle);
+[[nodiscard]] int joinThreadStatus(pthread_t handle);
 
 // As joinThreadStatus: true for a zero handle or a successful join.
-bool joinThread(pthread_t handle);
+[[nodiscard]] bool joinThread(pthread_t handle);
 
 // pthread_detach(*handle), passing its result through.
-int detachThread(const pthread_t* handle);
+[[nodiscard]] int detachThread(const pthread_t* handle);
 
 // Sets the calling thread to the normal time-sharing policy (SCHED_OTHER) with `priority`;
 // returns the result of pthread_setschedparam. That policy accepts only priority 0: any other
 // value gives EINVAL and changes nothing.
-int setThreadPriority(int priority);
+[[nodiscard]] int setThreadPriority(int priority);
 
 // Ending threads from outside. The target is stopped inside a signal handler by pthread_exit:
 // whatever it was doing is abandoned halfway, so it must be blocked in a call that is safe to
@@ -177,13 +177,13 @@ class SigUsr2Guard {
 
     // Counts one more install; the first one installs the handler, saving the disposition it
     // replaces. Returns false, counting nothing, when sigaction fails.
-    bool install();
+    [[nodiscard]] bool install();
 
     // Counts one install less; the one that brings the count from 1 to 0 restores the saved
     // disposition, and on failure returns false and keeps the count at 1. Any other count is
     // simply decremented and true returned, without touching the disposition; an uninstall
     // without an install wraps the count to its largest value, as callers have always seen it.
-    bool uninstall();
+    [[nodiscard]] bool uninstall();
 
     // The current count of installs.
     uint32_t installCount() const;
@@ -213,7 +213,7 @@ extern SigUsr2Guard sigUsr2Guard;
 // is released as it ends; what its body held is released only by destructors that run as
 // pthread_exit unwinds the thread's stack, and a catch (...) on that stack that does not
 // rethrow ends the process.
-bool interruptThreads(const std::vector<pthread_t>& threads);
+[[nodiscard]] bool interruptThreads(const std::vector<pthread_t>& threads);
 
 }  // namespace dangerous
 }  // namespace nuvra::tiny

@@ -29,7 +29,7 @@ class ThreadTest : public ::testing::Test {
             return internal::liveThreadStartRecords() == 0 &&
                    ThreadCallbacks::instance().useCount() == 2;
         }));
-        setThreadCallbacks(nullptr, nullptr);
+        EXPECT_TRUE(setThreadCallbacks(nullptr, nullptr));
         internal::setThreadSystemCallsForTesting(real_);
     }
 
@@ -48,7 +48,7 @@ void otherExit(int32_t /*threadId*/) {}
 void onStart(int32_t threadId, const std::string* name) {
     startedName = *name;
     startedId = threadId;
-    setThreadCallbacks(otherStart, otherExit);
+    EXPECT_TRUE(setThreadCallbacks(otherStart, otherExit));
 }
 void onExit(int32_t threadId) { exitedId = threadId; }
 

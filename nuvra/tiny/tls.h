@@ -19,18 +19,18 @@ struct TlsKey;
 // Creates a key with no per-thread destructor function, so a thread's value is simply
 // dropped when the thread ends. Returns the holder, or null when the system has no key to
 // give (the holder is then freed).
-TlsKey* createTlsKey();
+[[nodiscard]] TlsKey* createTlsKey();
 
 // Deletes the key and frees its holder; returns true. On failure returns false and leaves
 // the holder allocated, so that a key still registered is never freed.
-bool deleteTlsKey(TlsKey* key);
+[[nodiscard]] bool deleteTlsKey(TlsKey* key);
 
 // The calling thread's value for `key`; null when this thread never set one.
 void* getTlsValue(TlsKey* key);
 
 // Sets the calling thread's value for `key`; true on success. The slot never owns or frees
 // the value.
-bool setTlsValue(TlsKey* key, void* value);
+[[nodiscard]] bool setTlsValue(TlsKey* key, void* value);
 
 // The kernel thread id of the caller (gettid), not pthread_self(). In the main thread it
 // equals currentProcessId().
@@ -63,7 +63,8 @@ class TLS<void> {
     TLS() : key_(createTlsKey()) {}
     ~TLS() {
         if (key_ != nullptr) {
-            deleteTlsKey(key_);
+            // Nothing to do on failure: the holder then stays allocated, as it must.
+            static_cast<void>(deleteTlsKey(key_));
         }
     }
 
@@ -71,9 +72,9 @@ class TLS<void> {
     TLS& operator=(const TLS&) = delete;
 
     // The key holder; null when key creation failed.
-    TlsKey* key() const { return key_; }
+    [[nodiscard]] TlsKey* key() const { return key_; }
 
-    void* get() const { return key_ != nullptr ? getTlsValue(key_) : nullptr; }
+    [[nodiscard]] void* get() const { return key_ != nullptr ? getTlsValue(key_) : nullptr; }
     bool set(void* value) { return key_ != nullptr && setTlsValue(key_, value); }
 
   private:

@@ -21,25 +21,25 @@ struct DirHandle {
 
 // Opens `path` as a directory. Null when `path` is null, opendir fails (errno from it) or
 // memory runs out.
-DirHandle* openDir(const char* path);
+[[nodiscard]] DirHandle* openDir(const char* path);
 
 // Closes the directory and frees the record. Does nothing for null. When closedir fails the
 // record is left allocated, as it was: the stream may still be usable.
 void closeDir(DirHandle* handle);
 
 // The descriptor under `dir` (dirfd).
-int dirFd(DIR* dir);
+[[nodiscard]] int dirFd(DIR* dir);
 
 // The next entry of the directory, or null at the end or on error. The entry's d_type is
 // that of the entry itself (from lstat where the file system does not report it), so
 // symbolic links always read as DT_LNK. The entry belongs
 // to the stream and is overwritten by the next read.
-dirent64* readDirEntry(DirHandle* handle);
+[[nodiscard]] dirent64* readDirEntry(DirHandle* handle);
 
 // Reentrant form of readDirEntry into the caller's `entry`: returns the readdir64_r result
 // (0 or an error number); `*result` is `entry`, or null at the end. The type is fixed when
 // an entry was returned.
-int readDirEntryR(DirHandle* handle, dirent64* entry, dirent64** result);
+[[nodiscard]] int readDirEntryR(DirHandle* handle, dirent64* entry, dirent64** result);
 
 // Sets `entry->d_type` from lstat of directoryPath + "/" + name (the "/" only when the path
 // does not already end with one). When lstat fails the type stays as it was.

@@ -36,24 +36,24 @@ class DirectoryReader {
     // Opens `path`. False for a null path, when already open (the open directory stays),
     // or when the directory cannot be opened. `flags` is stored for the caller; reading
     // does not depend on it.
-    bool open(const char* path, uint32_t flags = 0);
+    [[nodiscard]] bool open(const char* path, uint32_t flags = 0);
 
     // The next entry, or null at the end or on error. d_type is that of the entry itself
     // (from lstat where the file system does not report it), so links read as DT_LNK. The entry
     // lives in the reader and is overwritten by the next call.
-    dirent64* readEntry();
+    [[nodiscard]] dirent64* readEntry();
 
     // Starts the entries again from the first; returns whether the reader is open.
-    bool rewind();
+    [[nodiscard]] bool rewind();
 
     // Closes the directory. False when not open, or when closedir fails (the reader then
     // stays open).
-    bool close();
+    [[nodiscard]] bool close();
 
-    bool isOpen() const { return open_ != 0; }
+    [[nodiscard]] bool isOpen() const { return open_ != 0; }
 
     // The flags given to open().
-    uint32_t flags() const { return flags_; }
+    [[nodiscard]] uint32_t flags() const { return flags_; }
 
   private:
     int32_t open_ = 0;
@@ -103,7 +103,7 @@ class DirectoryIterator {
     // Compiles `pattern` (Perl syntax) and appends it with the given kFilter* flags.
     // 0 on success; -1 for an empty pattern or one that does not compile. Filters added
     // after open() apply to the entries read from then on.
-    int addFilter(const std::string& pattern, uint32_t flags);
+    [[nodiscard]] int addFilter(const std::string& pattern, uint32_t flags);
 
     // Starts a walk of `root` (the current directory when empty; relative roots are taken
     // against it). One trailing '/' or '\' is dropped from any root, so "/" itself, given or as
@@ -111,24 +111,24 @@ class DirectoryIterator {
     // yielded, otherwise only those that stat reports as directories; with `recursive` directories
     // are descended into. False when the current directory cannot be read or the root cannot be
     // opened. An empty root directory gives true and atEnd().
-    bool open(bool includeAll, bool recursive, const std::string& root);
+    [[nodiscard]] bool open(bool includeAll, bool recursive, const std::string& root);
 
     // True when there is no current entry.
-    bool atEnd() const { return dirs_.empty() || entries_.size() < dirs_.size(); }
+    [[nodiscard]] bool atEnd() const { return dirs_.empty() || entries_.size() < dirs_.size(); }
 
     // Moves to the next entry; false when the walk is over.
     bool next();
 
     // Path of the current entry (the absolute root joined with the names below it); empty at
     // the end.
-    std::string currentPath() const;
+    [[nodiscard]] std::string currentPath() const;
 
     // From stat of the current entry (links followed); 0 or false at the end or when stat
     // fails.
-    mode_t currentMode() const;
-    time_t currentChangeTime() const;
-    bool isDirectory() const;
-    bool isRegularFile() const;
+    [[nodiscard]] mode_t currentMode() const;
+    [[nodiscard]] time_t currentChangeTime() const;
+    [[nodiscard]] bool isDirectory() const;
+    [[nodiscard]] bool isRegularFile() const;
 
     // Closes every open directory, the deepest first, and ends the walk.
     void closeAll();
@@ -137,11 +137,11 @@ class DirectoryIterator {
     struct Filter;
 
     bool pushNextAccepted();
-    bool accepts(const char* name) const;
+    [[nodiscard]] bool accepts(const char* name) const;
     // Whether the current entry leads to a directory (by the stat made when it was read).
-    bool currentLeadsToDirectory() const;
+    [[nodiscard]] bool currentLeadsToDirectory() const;
     // Whether `directory` is the same directory as one already open on the walk.
-    bool isOpenAlready(DirHandle* directory) const;
+    [[nodiscard]] bool isOpenAlready(DirHandle* directory) const;
 
     std::vector<DirHandle*> dirs_;
     std::vector<dirent64*> entries_;

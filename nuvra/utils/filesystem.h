@@ -36,18 +36,18 @@ constexpr uint32_t kMakeParents = 1;
 // With kMakeParents, every missing ancestor is made with `mode` (existing ones of any type
 // are passed over). The last component is always created, so an existing target gives -1
 // with EEXIST even with kMakeParents; callers use that to learn they did not create it.
-int makeDirectory(const char* path, mode_t mode, uint32_t flags);
+[[nodiscard]] int makeDirectory(const char* path, mode_t mode, uint32_t flags);
 
 // Creates `path` and its ancestors, ignoring failures on the ancestors. Separators are '/',
 // or '\' where no further '/' follows. True when the final mkdir succeeds or fails with
 // EEXIST, even when what exists is not a directory. The empty path is true.
-bool makeDirectoryTree(const std::string& path, mode_t mode = 0777);
+[[nodiscard]] bool makeDirectoryTree(const std::string& path, mode_t mode = 0777);
 
 // Deletes the directory `path` and everything below it. Symbolic links (also to
 // directories) are unlinked, never followed. A failure on one entry does not stop the walk.
 // 0 when everything including `path` itself went, -1 otherwise (errno from the last
 // failure; ENOENT for a null path).
-int removeTree(const char* path);
+[[nodiscard]] int removeTree(const char* path);
 
 // Removes the regular files (by stat, so a link to a regular file counts and is removed as a
 // link) directly inside `directory` whose names match the regular expression `filter` as a
@@ -55,7 +55,7 @@ int removeTree(const char* path);
 // when the directory cannot be walked. An empty `filter`, or one that does not compile, is
 // refused with false and nothing is removed: walking without it would remove every regular
 // file in the directory.
-bool removeMatching(const std::string& directory, const std::string& filter);
+[[nodiscard]] bool removeMatching(const std::string& directory, const std::string& filter);
 
 // copyFile results.
 constexpr int kCopyOk = 0;
@@ -72,7 +72,8 @@ constexpr int kCopyDestinationFailed = 2;
 // WARNING: the result is settled before the streams are closed, so a write error that shows
 // only when the destination is flushed at close (a full disk, say) returns kCopyOk with the
 // error left in errno, unless an earlier one is put back over it.
-int copyFile(const char* source, const char* destination, bool failIfExists, bool copyMode);
+[[nodiscard]] int copyFile(const char* source, const char* destination, bool failIfExists,
+                           bool copyMode);
 
 // Copies the regular files of `source` into `destination`, which is made (mode 0700, with
 // parents when `recursive`) when missing; with `recursive`, sub-directories are copied the
@@ -84,7 +85,7 @@ constexpr int kCopyDirectoryOk = 0;
 constexpr int kCopyDirectoryFailed = 1;
 constexpr int kCopyDirectoryReadFailed = 2;
 constexpr int kCopyDirectoryWriteFailed = 3;
-int copyDirectory(const char* source, const std::string& destination, bool recursive);
+[[nodiscard]] int copyDirectory(const char* source, const std::string& destination, bool recursive);
 
 // touchFile flags: which time stamps get `time`.
 constexpr uint32_t kTouchModification = 1;
@@ -92,25 +93,26 @@ constexpr uint32_t kTouchAccess = 2;
 
 // Sets the time stamps of the existing file `path` to `time` (0 = now); stamps not named in
 // `flags` keep their values. A missing file is not created: false.
-bool touchFile(const std::string& path, time_t time = 0,
-               uint32_t flags = kTouchModification | kTouchAccess);
+[[nodiscard]] bool touchFile(const std::string& path, time_t time = 0,
+                             uint32_t flags = kTouchModification | kTouchAccess);
 
 // Modification time and the low 32 bits of the size of `path` (links followed). True when
 // stat succeeded; the outputs mean nothing otherwise.
-bool getFileTimeAndSize(const char* path, time_t& modificationTime, uint32_t& size);
+[[nodiscard]] bool getFileTimeAndSize(const char* path, time_t& modificationTime, uint32_t& size);
 
 // Size of the regular file `path` in bytes; 0 when it is missing or is not a regular file.
 // With `followLinks` false a symbolic link is itself examined and so gives 0.
-int64_t getFileSize(const std::string& path, bool followLinks = true);
+[[nodiscard]] int64_t getFileSize(const std::string& path, bool followLinks = true);
 
 // Whether `path` exists (one trailing '/' is ignored). `isDirectory` tells whether it is a
 // directory. With `useLstat` links are examined themselves; `linkIsMissing` then makes a
 // symbolic link count as missing.
-bool pathExists(const char* path, bool useLstat, bool& isDirectory, bool linkIsMissing);
-bool pathExists(const char* path, bool useLstat = false);
+[[nodiscard]] bool pathExists(const char* path, bool useLstat, bool& isDirectory,
+                              bool linkIsMissing);
+[[nodiscard]] bool pathExists(const char* path, bool useLstat = false);
 
 // realpath of `path` into `out`, which must hold PATH_MAX bytes. True on success.
-bool resolvePath(char* out, const char* path);
+[[nodiscard]] bool resolvePath(char* out, const char* path);
 
 // Tidies `path` lexically: separators ('/' or '\') become single '/', "." segments go, and
 // each ".." takes the preceding segment with it; climbing above the root stops at the root.
@@ -120,7 +122,7 @@ std::string normalizePath(const std::string& path);
 // `path` made absolute against the current directory (unless it starts with '/' or '\') and
 // tidied by normalizePath. False when the current directory cannot be read.
 // WARNING: depends on the process-wide current directory.
-bool makeAbsolutePath(std::string& out, const std::string& path);
+[[nodiscard]] bool makeAbsolutePath(std::string& out, const std::string& path);
 
 // Rewrites `path` with '\' and '/' as '/' and every run of them as one; with
 // `addTrailingSlash` a final '/' is added unless present (the empty text becomes "/").
@@ -131,26 +133,26 @@ std::string normalizeSeparators(std::string& path, bool addTrailingSlash);
 // negative. 0 on success, -1 on failure. Interrupted calls are retried; EAGAIN up to three
 // tries in all. When the position cannot be set or read the result is 0, as callers have
 // always treated that case as nothing to do.
-int truncateAt(int fd, int64_t offset);
+[[nodiscard]] int truncateAt(int fd, int64_t offset);
 
 // Whether `text` ends with `suffix`, ignoring case.
 bool endsWithNoCase(const std::string& text, const std::string& suffix);
 
 // fseeko64 / ftello64 on `stream`; 0 for a null stream.
-int fileSeek(FILE* stream, int64_t offset, int whence);
-int64_t fileTell(FILE* stream);
+[[nodiscard]] int fileSeek(FILE* stream, int64_t offset, int whence);
+[[nodiscard]] int64_t fileTell(FILE* stream);
 
 // Clears (blocking) or sets O_NONBLOCK on `fd`; the fcntl(F_SETFL) result.
-int setBlocking(int fd, bool blocking);
+[[nodiscard]] int setBlocking(int fd, bool blocking);
 
 // Sets the socket option `option` (SO_RCVTIMEO or SO_SNDTIMEO) to `seconds`; the setsockopt
 // result, or -1 for fd -1.
-int setSocketTimeout(int fd, int option, int32_t seconds);
+[[nodiscard]] int setSocketTimeout(int fd, int option, int32_t seconds);
 
 // Closes the socket so that the connection is reset rather than shut down gracefully
 // (SO_LINGER on, zero time). When the option cannot be set the socket is NOT closed and the
 // result is -1; otherwise the close result.
-int closeSocketNow(int fd);
+[[nodiscard]] int closeSocketNow(int fd);
 
 }  // namespace nuvra::utils
 

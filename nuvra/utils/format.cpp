@@ -170,16 +170,18 @@ int appendFormatBounded(char* buf, size_t size, const char* format, ...) {
 
 char* formatIPv4(char* buf, uint32_t address) {
     const auto a = bytesInMemory(address);
-    formatBounded(buf, kIPv4TextSize, "%u.%u.%u.%u", unsigned{a[0]}, unsigned{a[1]}, unsigned{a[2]},
-                  unsigned{a[3]});
+    // The buffer is sized for the longest address, so the count tells nothing.
+    static_cast<void>(formatBounded(buf, kIPv4TextSize, "%u.%u.%u.%u", unsigned{a[0]}, unsigned{a[1]}, unsigned{a[2]},
+                  unsigned{a[3]}));
     return buf;
 }
 
 char* formatIPv4Port(char* buf, uint32_t address, uint16_t port) {
     const auto a = bytesInMemory(address);
     const auto p = bytesInMemory(port);
-    formatBounded(buf, kIPv4PortTextSize, "%u.%u.%u.%u:%u", unsigned{a[0]}, unsigned{a[1]},
-                  unsigned{a[2]}, unsigned{a[3]}, 256u * p[0] + p[1]);
+    static_cast<void>(formatBounded(buf, kIPv4PortTextSize, "%u.%u.%u.%u:%u", unsigned{a[0]},
+                                    unsigned{a[1]}, unsigned{a[2]}, unsigned{a[3]},
+                                    256u * p[0] + p[1]));
     return buf;
 }
 

@@ -42,11 +42,11 @@ void appendFormat(std::string& out, const char* format, ...) __attribute__((form
 // If vsnprintf fails, the same cut and count apply, whatever the buffer then holds. For a
 // size of 2^31 or more, the cut is at index 0x7ffffffe and 0x7ffffffe is returned: the
 // count has to fit in an int.
-int formatBoundedV(char* buf, size_t size, const char* format, va_list args)
+[[nodiscard]] int formatBoundedV(char* buf, size_t size, const char* format, va_list args)
     __attribute__((format(printf, 3, 0)));
 
 // formatBoundedV with the arguments given in place.
-int formatBounded(char* buf, size_t size, const char* format, ...)
+[[nodiscard]] int formatBounded(char* buf, size_t size, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
 // Formats after the string already in `buf` and returns the new total length.
@@ -56,7 +56,7 @@ int formatBounded(char* buf, size_t size, const char* format, ...)
 // not fit in an int is reported as 0x7fffffff. The existing string should be shorter than
 // `size`; if no terminator lies within `size` bytes, the buffer is taken as full: it is cut
 // at size - 1 and nothing is appended.
-int appendFormatBounded(char* buf, size_t size, const char* format, ...)
+[[nodiscard]] int appendFormatBounded(char* buf, size_t size, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
 // ---- Addresses, sizes and durations ----------------------------------------------------
@@ -85,7 +85,7 @@ char* formatIPv4Port(char* buf, uint32_t address, uint16_t port);
 //
 // INT64_MIN has no positive counterpart and is written "-0 B"; callers have always seen
 // that text for it, so it is kept.
-int formatByteSize(char* buf, int size, int64_t bytes);
+[[nodiscard]] int formatByteSize(char* buf, int size, int64_t bytes);
 
 // Writes "hh:mm:ss" below one day and "N days hh:mm:ss" from one day on ("1 day" in the
 // singular), for example "2 days 00:01:01" for 172861. Returns the number of characters
@@ -113,7 +113,7 @@ char* uint64ToText(uint64_t value, char* buf, unsigned base);
 // A buffer that is too small keeps the least significant digits: 123456 in base 10 with a
 // size of 4 gives "456" and 3. No error is reported; callers compare the count with what
 // they expected. WARNING: a base of 0 divides by zero.
-int uint64ToTextBounded(uint64_t value, char* buf, size_t size, unsigned base);
+[[nodiscard]] int uint64ToTextBounded(uint64_t value, char* buf, size_t size, unsigned base);
 
 // Reverses the order of the eight bytes of `value`.
 uint64_t byteSwap64(uint64_t value);
@@ -150,7 +150,7 @@ void encodeHex(char* dst, const uint8_t* src, size_t n);
 // returns true. A null `dst` or a size of 0 gives false and writes nothing. When `dst` is
 // too small or `src` is null, an empty string is written and the result is true only when
 // there was nothing to encode (n is 0).
-bool encodeHexChecked(char* dst, size_t size, const uint8_t* src, size_t n);
+[[nodiscard]] bool encodeHexChecked(char* dst, size_t size, const uint8_t* src, size_t n);
 
 // Writes length / 2 bytes decoded from `src` to `dst`, without validation (see fromHex); an
 // odd final character is ignored.
@@ -160,14 +160,14 @@ void decodeHex(uint8_t* dst, const char* src, size_t length);
 // decodeHex into `dst`, which holds `size` bytes. A `length` of 0 gives true and writes
 // nothing. Otherwise a null `dst` or `src`, or a size below length / 2, gives false and
 // writes nothing; else the bytes are decoded and the result is true.
-bool decodeHexChecked(uint8_t* dst, size_t size, const char* src, size_t length);
+[[nodiscard]] bool decodeHexChecked(uint8_t* dst, size_t size, const char* src, size_t length);
 
 // Writes each byte of `src` as two digits followed by `separator`, the last separator being
 // replaced by the terminator ("00:ab:7f"), which takes 3 * n bytes. Returns `dst`.
 //
 // When 3 * n exceeds `size`, or n is 0, an empty string is written instead and `dst` is
 // still returned: only a size of 0, where nothing can be written, gives null.
-char* hexDump(char* dst, size_t size, char separator, const uint8_t* src, size_t n);
+[[nodiscard]] char* hexDump(char* dst, size_t size, char separator, const uint8_t* src, size_t n);
 
 }  // namespace nuvra::utils
 

@@ -33,15 +33,16 @@ void getHostName(char* buf, size_t size);
 void getFullHostName(char* buf, size_t size);
 // The two above through a 256-byte buffer, with "" for "unspecified.host", so that callers
 // of these forms see an empty text for "unknown".
-std::string getHostName();
-std::string getFullHostName();
+[[nodiscard]] std::string getHostName();
+[[nodiscard]] std::string getFullHostName();
 
 // Sizes in bytes of the file system holding `path` (statvfs64): `total` all blocks, `free`
 // the free blocks, `available` what the calling user may use: the free blocks for root (real
 // user id 0), else those left after the reserved ones. A size that would come out negative
 // as a signed 64-bit number is reported as 0. Returns false, outputs untouched, when
 // statvfs64 fails.
-bool getDiskSpace(const char* path, int64_t& available, int64_t& total, int64_t& free);
+[[nodiscard]] bool getDiskSpace(const char* path, int64_t& available, int64_t& total,
+                                int64_t& free);
 
 // The type (fs_vfstype) of the file-system table entry whose mount point holds `path`: the
 // entry for the path itself, else for its parent, and so on up to "/". A relative path is
@@ -50,14 +51,14 @@ bool getDiskSpace(const char* path, int64_t& available, int64_t& total, int64_t&
 // no entry holds the path.
 // WARNING: uses the process-wide table cursor of getfsfile; the table is closed again
 // (endfsent) only when an entry was found.
-bool getFileSystemType(const char* path, std::string& type);
+[[nodiscard]] bool getFileSystemType(const char* path, std::string& type);
 
 // Sets *bytes to the "MemTotal:" figure of /proc/meminfo in bytes. The number's unit is
 // the letter after it: K, M or G (either case) for 2^10, 2^20, 2^30, anything else,
 // including none, for bytes. Lines are read up to 127 characters; a longer line ends the
 // search. Returns false for a null pointer; otherwise sets *bytes to 0 first and returns
 // false when the file cannot be read or has no such line.
-bool getTotalMemory(int64_t* bytes);
+[[nodiscard]] bool getTotalMemory(int64_t* bytes);
 
 // Fills the language and territory fields of `info`, and their default copies, from the
 // environment's locale (setlocale(LC_ALL, "")): de_AT.UTF-8 gives "de" and "AT", fr gives
@@ -76,14 +77,14 @@ void readLocale(OsInfo& info);
 // without a message when memory for the list runs out.
 // WARNING: the socket used for the query is never closed (kept so: long-standing callers
 // call this once); each call leaves one descriptor open.
-bool getLocalAddresses(std::vector<Inet4Address>& out);
+[[nodiscard]] bool getLocalAddresses(std::vector<Inet4Address>& out);
 
 // Replaces `out` by a map from interface name to MAC text ("%2.2X:%2.2X:%2.2X:%2.2X:%2.2X:
 // %2.2X", upper-case hex digits and colons). Sees at most the first 32 interface records
 // the kernel lists; skips interfaces whose hardware address cannot be read or is all zero
 // (loopback and the like); a name listed twice keeps its first value. Returns false when
 // the socket or the interface list cannot be had (`out` is then empty).
-bool getMacAddresses(std::map<std::string, std::string>& out);
+[[nodiscard]] bool getMacAddresses(std::map<std::string, std::string>& out);
 
 // errno.
 int getLastError();

@@ -161,7 +161,7 @@ class Inet6Address : public InetAddress {
 // Sets `hostName` to the name getnameinfo finds for the dotted quad `dottedQuad` (a name is
 // required: NI_NAMEREQD) and returns true. Returns false, leaving `hostName` as it was, when
 // none is found. A text that is not an IPv4 literal is looked up as 0.0.0.0.
-bool reverseLookupIPv4(const std::string& dottedQuad, std::string& hostName);
+[[nodiscard]] bool reverseLookupIPv4(const std::string& dottedQuad, std::string& hostName);
 
 }  // namespace nuvra::utils
 

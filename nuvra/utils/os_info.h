@@ -55,8 +55,8 @@ bool isVirtualAppliance();
 
 // searchReleaseFile, then each capture converted to an int into `major`, `minor` and `patch`;
 // a capture that does not start with a number (an empty one) leaves its target as it was.
-bool matchReleaseFile(const std::string& path, const std::string& pattern, int& major, int& minor,
-                      int& patch, std::string& description);
+[[nodiscard]] bool matchReleaseFile(const std::string& path, const std::string& pattern, int& major,
+                                    int& minor, int& patch, std::string& description);
 
 // Clears the captures, reads the whole file `path` and searches it for `pattern` (Perl
 // syntax, case-insensitive; "." matches a line break, "^" any line start). On a match the
@@ -65,8 +65,9 @@ bool matchReleaseFile(const std::string& path, const std::string& pattern, int& 
 // searched as empty text, so a pattern that matches empty text still matches it. False when
 // the file cannot be opened, the pattern does not compile or nothing matches; `description`
 // is then untouched.
-bool searchReleaseFile(const std::string& path, const std::string& pattern, std::string& capture1,
-                       std::string& capture2, std::string& capture3, std::string& description);
+[[nodiscard]] bool searchReleaseFile(const std::string& path, const std::string& pattern,
+                                     std::string& capture1, std::string& capture2,
+                                     std::string& capture3, std::string& description);
 
 }  // namespace nuvra::utils
 

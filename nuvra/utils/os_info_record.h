@@ -50,28 +50,28 @@ struct OsInfo {
     // 0 = 32-bit x86, 1 = anything else, 2 = x86_64; written only when uname succeeds.
     int architecture = 0;
 
-    const std::string& getDescription() const { return description; }
-    uint32_t getOsCode() const { return osCode; }
-    uint32_t getOsFamilyMask() const { return osFamilyMask; }
-    int getVersionMajor() const { return versionMajor; }
-    int getVersionMinor() const { return versionMinor; }
-    int getVersionPatch() const { return versionPatch; }
-    const std::string& getPlatform() const { return platform; }
-    const std::string& getExtraText1() const { return extraText1; }
-    const std::string& getDistributionId() const { return distributionId; }
-    const std::string& getExtraText2() const { return extraText2; }
+    [[nodiscard]] const std::string& getDescription() const { return description; }
+    [[nodiscard]] uint32_t getOsCode() const { return osCode; }
+    [[nodiscard]] uint32_t getOsFamilyMask() const { return osFamilyMask; }
+    [[nodiscard]] int getVersionMajor() const { return versionMajor; }
+    [[nodiscard]] int getVersionMinor() const { return versionMinor; }
+    [[nodiscard]] int getVersionPatch() const { return versionPatch; }
+    [[nodiscard]] const std::string& getPlatform() const { return platform; }
+    [[nodiscard]] const std::string& getExtraText1() const { return extraText1; }
+    [[nodiscard]] const std::string& getDistributionId() const { return distributionId; }
+    [[nodiscard]] const std::string& getExtraText2() const { return extraText2; }
     // The locale fields are NUL-terminated, possibly empty, texts of at most 8 characters.
-    const char* getLanguage() const { return language; }
-    const char* getTerritory() const { return territory; }
-    const char* getDefaultLanguage() const { return defaultLanguage; }
-    const char* getDefaultTerritory() const { return defaultTerritory; }
-    const VirtInfo& getCachedVirtInfo() const { return virtInfo; }
-    bool getVirtInfoValid() const { return virtInfoValid; }
-    const std::string& getVirtInfoProbePath() const { return virtInfoProbePath; }
-    const std::string& getKernelVersion() const { return kernelVersion; }
-    const std::string& getPackageType() const { return packageType; }
-    long getProcessorCount() const { return processorCount; }
-    int getArchitecture() const { return architecture; }
+    [[nodiscard]] const char* getLanguage() const { return language; }
+    [[nodiscard]] const char* getTerritory() const { return territory; }
+    [[nodiscard]] const char* getDefaultLanguage() const { return defaultLanguage; }
+    [[nodiscard]] const char* getDefaultTerritory() const { return defaultTerritory; }
+    [[nodiscard]] const VirtInfo& getCachedVirtInfo() const { return virtInfo; }
+    [[nodiscard]] bool getVirtInfoValid() const { return virtInfoValid; }
+    [[nodiscard]] const std::string& getVirtInfoProbePath() const { return virtInfoProbePath; }
+    [[nodiscard]] const std::string& getKernelVersion() const { return kernelVersion; }
+    [[nodiscard]] const std::string& getPackageType() const { return packageType; }
+    [[nodiscard]] long getProcessorCount() const { return processorCount; }
+    [[nodiscard]] int getArchitecture() const { return architecture; }
 
     // The hypervisor result for the probe `vmdPath`: runs VmInfo::getVirtInfo only when no
     // result is stored yet or it was obtained with another probe path, then stores the result

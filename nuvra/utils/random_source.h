@@ -62,12 +62,12 @@ class RandomSource {
     static std::string makeUniqueId(uint32_t length);
 
     // Whether the device was opened.
-    bool haveDevice() const { return haveDevice_; }
+    [[nodiscard]] bool haveDevice() const { return haveDevice_; }
     // The first device word after the skipped first byte, or the seed given to srand(); 0
     // when neither applies.
-    uint32_t seed() const { return seed_; }
+    [[nodiscard]] uint32_t seed() const { return seed_; }
     // How many getBytes() calls were made on this object.
-    uint32_t requestCount() const { return requestCount_; }
+    [[nodiscard]] uint32_t requestCount() const { return requestCount_; }
 
   private:
     void seedThisThreadOnce();

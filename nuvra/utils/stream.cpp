@@ -207,7 +207,8 @@ int NStream::copyAll(NStream& source, NStream& destination) {
         if (got == 0) {
             return 0;
         }
-        destination.write(chunk, got);
+        // The copy goes on past a failed write, as it always has.
+        static_cast<void>(destination.write(chunk, got));
     }
 }
 
@@ -220,7 +221,8 @@ int NStream::copyBytes(NStream& source, NStream& destination, uint32_t count) {
         if (got == 0) {
             break;
         }
-        destination.write(chunk, got);
+        // The copy goes on past a failed write, as it always has.
+        static_cast<void>(destination.write(chunk, got));
         copied += got;
         want = std::min(want, count - copied);
     }
@@ -373,7 +375,7 @@ bool NFile::open(const char* path, int flags) {
     if (fd_ == -1) {
         return false;
     }
-    lock_.attach(fd_);
+    static_cast<void>(lock_.attach(fd_));  // refuses only a negative descriptor
     return onOpened(fd_, (flags & O_ACCMODE) != 0 ? "w" : "r");
 }
 
@@ -436,7 +438,7 @@ void NFile::close() {
     if (fd_ == -1) {
         return;
     }
-    flush();
+    static_cast<void>(flush());  // a failure only drops the output, as below
     discardBuffers();
     lock_.reset();
     ::close(fd_);

@@ -47,28 +47,28 @@ class NStream {
     virtual bool isClosed();
 
     // One unbuffered read of up to `length` bytes: the count read, 0 at end of input, or -1.
-    virtual int32_t readRaw(void* buffer, uint32_t length) = 0;
+    [[nodiscard]] virtual int32_t readRaw(void* buffer, uint32_t length) = 0;
     // One unbuffered write of up to `length` bytes: the count written, or -1 (0 counts as a
     // failure too).
-    virtual int32_t writeRaw(const void* buffer, uint32_t length) = 0;
+    [[nodiscard]] virtual int32_t writeRaw(const void* buffer, uint32_t length) = 0;
 
     // Writes all pending output through writeRaw, following short writes. Returns 0, or -1
     // when writeRaw reports a failure. After a short write and then a failure only the
     // undelivered tail stays pending, for a later flush to try again: the bytes already
     // delivered are dropped from the buffer rather than kept as they were, which would
     // write them a second time.
-    int flush();
+    [[nodiscard]] int flush();
 
     // Reads up to `length` bytes: first whatever is buffered, otherwise one raw read of a
     // full buffer. One call never makes more than one raw read, so short counts are normal.
     // Returns 0 at end of input (endOfFile() is then true) or on error (endOfFile() false).
     // Pending output is flushed before a raw read; a failed flush returns 0.
-    uint32_t read(void* buffer, uint32_t length);
+    [[nodiscard]] uint32_t read(void* buffer, uint32_t length);
 
     // Buffers `length` bytes, flushing each time the buffer becomes full (a write that
     // exactly fills it flushes at once). Returns `length`, or 0 when a flush failed; part of
     // the data may then be pending, and is kept for the next flush.
-    uint32_t write(const void* buffer, uint32_t length);
+    [[nodiscard]] uint32_t write(const void* buffer, uint32_t length);
 
     // Reads one line, the '\n' included, into `buffer` and NUL-terminates it; returns the
     // count of bytes stored. At end of input (or on an error) before a '\n': with
@@ -77,24 +77,24 @@ class NStream {
     // WARNING: a line that does not fit fills all `size` bytes, is not terminated and gives
     // 0; callers check the result before using the buffer. `size` 0 returns 0 and leaves
     // the buffer alone.
-    uint32_t readLine(char* buffer, uint32_t size, bool acceptUnterminated);
+    [[nodiscard]] uint32_t readLine(char* buffer, uint32_t size, bool acceptUnterminated);
 
     // fgets-like: stores bytes until a '\n' is stored, `size` - 1 bytes are stored or input
     // ends, always NUL-terminates, and returns the count stored. `size` 0 returns 0 without
     // touching the buffer.
-    uint32_t gets(char* buffer, uint32_t size);
+    [[nodiscard]] uint32_t gets(char* buffer, uint32_t size);
 
     // Formats like std::printf and writes the text. True only when write() returned more
     // than 0, so an empty result gives false. Allocates only for texts of 512 bytes or more.
-    bool printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
+    [[nodiscard]] bool printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
     // Writes the text without its terminator; true when write() returned non-zero, so an
     // empty text gives false.
-    bool puts(const char* text);
-    bool write(const std::string& text);
+    [[nodiscard]] bool puts(const char* text);
+    [[nodiscard]] bool write(const std::string& text);
 
     // True when the latest raw read reported end of input; cleared by every read().
-    bool endOfFile() const { return endOfFile_; }
+    [[nodiscard]] bool endOfFile() const { return endOfFile_; }
 
     // Copies `source` to `destination` through a 1024-byte stack buffer until a read returns
     // 0. Write failures are not checked and the destination is not flushed. Returns 0.
@@ -107,9 +107,9 @@ class NStream {
   private:
     // Refills the read buffer with one raw read (flushing pending output first) and returns
     // its first byte, consumed, or -1 on end of input or failure.
-    int fill();
+    [[nodiscard]] int fill();
     // The next buffered byte, refilling when the buffer is drained; -1 as fill().
-    int nextByte() {
+    [[nodiscard]] int nextByte() {
         if (readAvailable_ > 0) {
             --readAvailable_;
             return *readCursor_++;
@@ -136,14 +136,14 @@ class NStream {
 class NFileStream : public NStream {
   public:
     // Moves the position (whence as for lseek); 0 or -1.
-    virtual int seek(int32_t offset, int whence) = 0;
+    [[nodiscard]] virtual int seek(int32_t offset, int whence) = 0;
     // The position, or -1.
-    virtual int32_t tell() = 0;
+    [[nodiscard]] virtual int32_t tell() = 0;
     // Calls seek() with the low 32 bits of `offset`; the high half is dropped. Streams with
     // real 64-bit positions override this.
-    virtual int seek64(int64_t offset, int whence);
+    [[nodiscard]] virtual int seek64(int64_t offset, int whence);
     // tell(), sign-extended.
-    virtual int64_t tell64();
+    [[nodiscard]] virtual int64_t tell64();
 };
 
 // An advisory whole-file lock (flock) on one descriptor, nestable, owned by the thread that
@@ -172,19 +172,19 @@ class FileLock {
     // Opens `path` read-write (created with mode 0600 when `create`), close-on-exec, and
     // owns the descriptor. A path longer than 511 bytes is cut, and the cut path is opened.
     // Returns false when a descriptor is already attached or the open fails.
-    bool openPath(const char* path, bool create);
+    [[nodiscard]] bool openPath(const char* path, bool create);
 
     // Attaches a descriptor the record does not close, unlocked. False for a negative `fd`.
-    bool attach(int32_t fd);
+    [[nodiscard]] bool attach(int32_t fd);
 
     // Exclusive lock, blocking or not. False when detached, on another thread, while a
     // shared lock is held, or when flock fails (EWOULDBLOCK for the non-blocking form).
-    bool lockExclusive();
-    bool tryLockExclusive();
+    [[nodiscard]] bool lockExclusive();
+    [[nodiscard]] bool tryLockExclusive();
     // Shared lock, blocking or not; nests inside an exclusive hold as another exclusive
     // level. False when detached, on another thread, or when flock fails.
-    bool lockShared();
-    bool tryLockShared();
+    [[nodiscard]] bool lockShared();
+    [[nodiscard]] bool tryLockShared();
 
     // Releases one level; the last one calls flock(LOCK_UN). Any thread may release.
     // Nothing happens when detached.
@@ -195,16 +195,16 @@ class FileLock {
     // that.
     void reset();
 
-    bool isOpen() const { return open_; }
-    int32_t depth() const { return depth_; }
-    int32_t descriptor() const { return descriptor_; }
-    bool ownsDescriptor() const { return ownsDescriptor_; }
-    int32_t owner() const { return owner_; }
-    const char* path() const { return path_; }
+    [[nodiscard]] bool isOpen() const { return open_; }
+    [[nodiscard]] int32_t depth() const { return depth_; }
+    [[nodiscard]] int32_t descriptor() const { return descriptor_; }
+    [[nodiscard]] bool ownsDescriptor() const { return ownsDescriptor_; }
+    [[nodiscard]] int32_t owner() const { return owner_; }
+    [[nodiscard]] const char* path() const { return path_; }
 
   private:
     // The common path of the four lock requests.
-    bool acquire(bool shared, bool blocking);
+    [[nodiscard]] bool acquire(bool shared, bool blocking);
 
     char path_[kPathSize] = {};
     bool open_ = false;
@@ -239,47 +239,47 @@ class NFile : public NFileStream {
     ~NFile() override;
 
     bool isClosed() override;
-    int32_t readRaw(void* buffer, uint32_t length) override;
-    int32_t writeRaw(const void* buffer, uint32_t length) override;
+    [[nodiscard]] int32_t readRaw(void* buffer, uint32_t length) override;
+    [[nodiscard]] int32_t writeRaw(const void* buffer, uint32_t length) override;
     // lseek64; 0 or -1.
-    int seek(int32_t offset, int whence) override;
+    [[nodiscard]] int seek(int32_t offset, int whence) override;
     // The low 32 bits of the descriptor position (-1 on failure).
-    int32_t tell() override;
+    [[nodiscard]] int32_t tell() override;
     // lseek64 with the full offset; 0 or -1.
-    int seek64(int64_t offset, int whence) override;
+    [[nodiscard]] int seek64(int64_t offset, int whence) override;
     // The descriptor position, or -1.
-    int64_t tell64() override;
+    [[nodiscard]] int64_t tell64() override;
 
     // The FileLock operations on this file's descriptor. lock/lockExclusive and
     // tryLock/tryLockExclusive are the same operations.
-    virtual bool lock();
-    virtual bool tryLock();
+    [[nodiscard]] virtual bool lock();
+    [[nodiscard]] virtual bool tryLock();
     virtual void unlock();
-    virtual bool lockShared();
-    virtual bool lockExclusive();
-    virtual bool tryLockShared();
-    virtual bool tryLockExclusive();
+    [[nodiscard]] virtual bool lockShared();
+    [[nodiscard]] virtual bool lockExclusive();
+    [[nodiscard]] virtual bool tryLockShared();
+    [[nodiscard]] virtual bool tryLockExclusive();
 
     // Called after every successful open with the descriptor and "w" (some write access) or
     // "r"; its result becomes open's result. Returns true.
-    virtual bool onOpened(int32_t fd, const char* modeText);
+    [[nodiscard]] virtual bool onOpened(int32_t fd, const char* modeText);
 
     // open64(path, flags | O_CLOEXEC, 0600). Returns false on failure (the descriptor is
     // then -1); otherwise the descriptor is attached to the lock record, unlocked, and
     // onOpened decides.
     // WARNING: a descriptor already open is neither closed nor flushed first; close() before
     // reopening, or it leaks and pending output goes to the new file.
-    bool open(const char* path, int flags);
+    [[nodiscard]] bool open(const char* path, int flags);
 
     // Opens with an fopen-style mode: 'a' appends (creating), 'w' truncates (creating),
     // anything else reads; a '+' among the next four characters makes it read-write.
     // A null `modeText` opens nothing and returns true; callers have always treated it as a
     // no-op, so it is kept.
-    bool open(const char* path, const char* modeText);
+    [[nodiscard]] bool open(const char* path, const char* modeText);
 
     // Opens with the Access and Disposition values above. kTruncateExisting with kRead
     // returns false and opens nothing.
-    bool open(const char* path, int32_t access, int32_t disposition);
+    [[nodiscard]] bool open(const char* path, int32_t access, int32_t disposition);
 
     // Flushes (ignoring failure), releases one lock level, detaches the lock record and
     // closes the descriptor. Nothing when closed. Buffered input and any output that could
@@ -289,14 +289,14 @@ class NFile : public NFileStream {
 
     // Cuts the file at the current descriptor position (buffered bytes are not counted).
     // True on success, and also when the position cannot be read.
-    bool truncate();
+    [[nodiscard]] bool truncate();
 
     // -1 without writing when `length` is negative, else writeRaw (unbuffered).
-    int32_t writeChecked(const void* buffer, int32_t length);
+    [[nodiscard]] int32_t writeChecked(const void* buffer, int32_t length);
 
     // The descriptor, -1 while closed.
-    int32_t fd() const { return fd_; }
-    const FileLock& lockRecord() const { return lock_; }
+    [[nodiscard]] int32_t fd() const { return fd_; }
+    [[nodiscard]] const FileLock& lockRecord() const { return lock_; }
 
   private:
     int32_t fd_ = -1;
@@ -311,14 +311,14 @@ class NStdIStream : public NFileStream {
     ~NStdIStream() override = default;
 
     // istream::read, then the count of characters it extracted.
-    int32_t readRaw(void* buffer, uint32_t length) override;
+    [[nodiscard]] int32_t readRaw(void* buffer, uint32_t length) override;
     // Returns `length`; the bytes are dropped.
-    int32_t writeRaw(const void* buffer, uint32_t length) override;
+    [[nodiscard]] int32_t writeRaw(const void* buffer, uint32_t length) override;
     // Clears the stream's state and seeks (whence 1 current, 2 end, else beginning); -1 when
     // the stream reports any error afterwards, else 0.
-    int seek(int32_t offset, int whence) override;
+    [[nodiscard]] int seek(int32_t offset, int whence) override;
     // Clears the stream's state and returns tellg(), capped at 2147483647; -1 passes through.
-    int32_t tell() override;
+    [[nodiscard]] int32_t tell() override;
 
   private:
     std::istream* stream_;

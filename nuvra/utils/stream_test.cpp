@@ -104,19 +104,19 @@ TEST_F(NFileTest, BufferedDataReachesTheFileAndOnlyThatFile) {
     ASSERT_TRUE(in.open(file.c_str(), "r+"));
     ScriptedStream back;
     NStream::copyBytes(in, back, 1025);
-    back.write("|", 1);
+    EXPECT_EQ(back.write("|", 1), 1U);
     NStream::copyAll(in, back);
     NStream::copyBytes(in, back, 1);  // at the end: copies nothing
-    back.flush();
+    EXPECT_EQ(back.flush(), 0);
     EXPECT_EQ(back.output, data.substr(0, 1025) + "|" + data.substr(1025));
-    in.write("tail", 4);
+    EXPECT_EQ(in.write("tail", 4), 4U);
     in.close();  // flushes
     char byte = 0;
     EXPECT_EQ(in.read(&byte, 1), 0U);  // an error (no descriptor), not end of file
     EXPECT_FALSE(in.endOfFile());
 
     ASSERT_TRUE(in.open("/dev/full", "w"));  // every write fails with ENOSPC
-    in.write("x", 1);
+    EXPECT_EQ(in.write("x", 1), 1U);  // buffered
     EXPECT_TRUE(in.flush() == -1 && errno == ENOSPC);
     in.close();  // the byte that could not be written is dropped, not kept for the next file
     ASSERT_TRUE(in.open(file.c_str(), "a"));

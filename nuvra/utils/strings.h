@@ -79,9 +79,9 @@ int startsWithNoCase(const char* s, const char* prefix);
 // character is missing (a NUL `open` or `close` never occurs) or the enclosed text is
 // size-1 bytes or longer. Note that an enclosed text of exactly size-1 bytes, which would
 // just fit, is refused.
-char* extractBetween(char* dst, const char* src, size_t size, char open, char close);
+[[nodiscard]] char* extractBetween(char* dst, const char* src, size_t size, char open, char close);
 // The same extraction, reporting the outcome as a bool.
-bool copyBetween(const char* src, char open, char close, char* dst, size_t size);
+[[nodiscard]] bool copyBetween(const char* src, char open, char close, char* dst, size_t size);
 
 // Removes every span from an `open` to the next `close` after it, both included, until no
 // complete span is left; an `open` with no later `close` stays. A NUL `open` or `close`
@@ -92,20 +92,20 @@ void removeDelimited(char* s, char open, char close);
 // `bufferSize` bytes. Returns 1 when done and 0 when the next replacement would not fit.
 // WARNING: on 0 the replacements made so far stay in place. When `from` and `to` have the
 // same length, no size check is made. An empty `from` changes nothing.
-int replaceAll(char* s, size_t bufferSize, const char* from, const char* to);
+[[nodiscard]] int replaceAll(char* s, size_t bufferSize, const char* from, const char* to);
 
 // Skips `delimiters` at *cursor, then copies the token up to the next delimiter (or the end)
 // into dst and leaves *cursor there. Returns 1 when a token was copied; 0 at the end of the
 // string, or when the token needs more than size-1 bytes (dst is then empty, and the cursor
 // has still moved past the token).
-int nextToken(const char** cursor, const char* delimiters, char* dst, size_t size);
+[[nodiscard]] int nextToken(const char** cursor, const char* delimiters, char* dst, size_t size);
 // Like nextToken, but delimiters between `openQuote` and the next `closeQuote` do not end
 // the token; the quote characters stay part of it.
-int nextQuotedToken(const char** cursor, const char* delimiters, char openQuote, char closeQuote,
-                    char* dst, size_t size);
+[[nodiscard]] int nextQuotedToken(const char** cursor, const char* delimiters, char openQuote,
+                                  char closeQuote, char* dst, size_t size);
 
 // strtok_r.
-char* tokenize(char* s, const char* delimiters, char** state);
+[[nodiscard]] char* tokenize(char* s, const char* delimiters, char** state);
 
 // Skips white space, takes one optional sign and the decimal digits that follow. The value
 // wraps modulo 2^64 instead of saturating; no digits give 0.
@@ -115,10 +115,10 @@ int64_t parseInt64(const char* s);
 // (Knuth-Morris-Pratt) search. An empty pattern gives null for an empty text and otherwise a
 // pointer to the text's second character; callers have always seen that result. Also null
 // when the search table cannot be allocated.
-const char* findNoCase(const char* text, const char* pattern);
+[[nodiscard]] const char* findNoCase(const char* text, const char* pattern);
 // The same, giving up once `limit` text characters were read without completing a match;
 // limit 0 means no limit.
-const char* findNoCaseN(const char* text, const char* pattern, size_t limit);
+[[nodiscard]] const char* findNoCaseN(const char* text, const char* pattern, size_t limit);
 
 }  // namespace nuvra::utils
 

@@ -36,7 +36,7 @@ class Uuid {
     // 8, 13, 18 and 23) into a valid value. The text is read as a C string, up to its first
     // NUL: a valid GUID followed by a NUL and anything at all parses. Any other text gives
     // the all-zero, invalid value.
-    static Uuid fromString(const std::string& text);
+    [[nodiscard]] static Uuid fromString(const std::string& text);
 
     // A value holding `bytes` (storage order) with the given flag; generates nothing.
     constexpr Uuid(const Bytes& bytes, bool valid) : value_(bytes), valid_(valid) {}
@@ -48,15 +48,15 @@ class Uuid {
     // Parses `text` into this value and returns whether it succeeded; isValid() then says
     // the same. WARNING: on failure the previous bytes stay, with the storage permutation
     // applied to them once more. Look at the result, not at the bytes.
-    bool parse(const std::string& text);
+    [[nodiscard]] bool parse(const std::string& text);
 
     // The 36-character lower-case text form of the value.
-    std::string toString() const;
+    [[nodiscard]] std::string toString() const;
 
-    bool isValid() const { return valid_; }
+    [[nodiscard]] bool isValid() const { return valid_; }
 
     // The 16 bytes in storage order.
-    const Bytes& bytes() const { return value_; }
+    [[nodiscard]] const Bytes& bytes() const { return value_; }
 
     // Copies `bytes` (storage order) into the value and leaves the valid flag as it was.
     Uuid& assignBytes(const Bytes& bytes);

@@ -79,7 +79,7 @@ const char* virtualizationText(int code);
 // kUnknownVirtualMachine for any other answer but 71, and kNativeOs when all three said 71.
 // A probe that cannot be run gives kVirtualizationUndetected at once, without trying the
 // later families.
-int detectVirtualization();
+[[nodiscard]] int detectVirtualization();
 
 // Runs the probe (vmdpath, set to "vmd" when empty, made absolute against the working
 // directory) for one family: `kind` kParallels runs it with "parallels", kVmwareUnknownVersion
@@ -87,7 +87,7 @@ int detectVirtualization();
 // argument. Waits at most 2 seconds. Returns the exit code; kVirtualizationUndetected when the
 // probe could not be started, ran too long (it is then killed), was killed by a signal or
 // exited with 255, or when the working directory cannot be read.
-int runVmProbe(int kind);
+[[nodiscard]] int runVmProbe(int kind);
 
 }  // namespace nuvra::utils
 

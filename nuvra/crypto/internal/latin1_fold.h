@@ -18,13 +18,13 @@ namespace [[gnu::visibility("hidden")]] internal {
 // after it are hashed as the one byte (lead << 6 | (next & 0x3F)), truncated to 8 bits; runs
 // of other bytes are hashed as they are, one update per run; a byte 0xC0 to 0xC3 at the very
 // end of the block is dropped. Returns the result of the last update made, 1 when none was.
-int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t count);
+[[nodiscard]] int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t count);
 
 // What StreamDigestMD5's Latin-1 mode hashes: the result of foldLatin1Update on each byte
 // of the block alone, which drops every byte 0xC0 to 0xC3 and hashes the others unchanged,
 // computed with one update per run between dropped bytes. Returns 0 when an update failed,
 // else 1.
-int foldLatin1EachByte(EVP_MD_CTX* context, const unsigned char* data, size_t count);
+[[nodiscard]] int foldLatin1EachByte(EVP_MD_CTX* context, const unsigned char* data, size_t count);
 
 }  // namespace internal
 }  // namespace nuvra::crypto

@@ -22,7 +22,7 @@ int32_t liveThreadStartRecords();
 // The attribute object createThread uses for a non-zero stack size: malloc'ed, initialised,
 // with the size raised to at least 16384 bytes. Null, with nothing left allocated, when any
 // step fails. Release with deleteThreadAttributes.
-pthread_attr_t* newThreadAttributes(uint32_t stackSize);
+[[nodiscard]] pthread_attr_t* newThreadAttributes(uint32_t stackSize);
 void deleteThreadAttributes(pthread_attr_t* attributes);
 
 // The handler SigUsr2Guard installs: pthread_exit for SIGUSR2, nothing for any other signal.

@@ -33,7 +33,7 @@ class UniqueFd {
     UniqueFd(const UniqueFd&) = delete;
     UniqueFd& operator=(const UniqueFd&) = delete;
 
-    int get() const { return fd_; }
+    [[nodiscard]] int get() const { return fd_; }
     // Gives the descriptor up without closing it.
     int release() { return std::exchange(fd_, -1); }
 
@@ -52,7 +52,7 @@ using MallocPtr = std::unique_ptr<T, FreeDeleter>;
 // realloc for an owned block: on success `block` owns the grown block; on failure it still
 // owns the old one, unchanged, and false is returned.
 template <typename T>
-bool reallocate(MallocPtr<T>& block, size_t bytes) {
+[[nodiscard]] bool reallocate(MallocPtr<T>& block, size_t bytes) {
     void* grown = std::realloc(block.get(), bytes);
     if (grown == nullptr) {
         return false;

@@ -10,7 +10,7 @@ namespace [[gnu::visibility("hidden")]] internal {
 
 // closeDir with closedir's result: 0 for null or success. When closedir fails the record is
 // left allocated, as closeDir leaves it.
-int closeDirHandle(DirHandle* handle);
+[[nodiscard]] int closeDirHandle(DirHandle* handle);
 
 }  // namespace internal
 }  // namespace nuvra::utils

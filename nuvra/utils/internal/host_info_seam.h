@@ -12,7 +12,7 @@ namespace nuvra::utils {
 namespace [[gnu::visibility("hidden")]] internal {
 
 // getTotalMemory reading `path` where the public function reads "/proc/meminfo".
-bool getTotalMemoryFrom(const char* path, int64_t* bytes);
+[[nodiscard]] bool getTotalMemoryFrom(const char* path, int64_t* bytes);
 
 // The part of readLocale after setlocale: clears the four locale fields of `info` and fills
 // them from the locale name `name`. A null name, "C" and "POSIX" leave them empty.

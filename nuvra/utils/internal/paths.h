@@ -19,7 +19,7 @@ std::string joinPath(const std::string& directory, const char* name);
 // read with getcwd into a buffer of `bufferSize` bytes, which each caller's contract fixes;
 // false when it does not fit there or cannot be read (errno from getcwd), `out` then as it
 // was.
-bool absoluteAgainstCwd(const std::string& path, size_t bufferSize, std::string& out);
+[[nodiscard]] bool absoluteAgainstCwd(const std::string& path, size_t bufferSize, std::string& out);
 
 // The dirent type (DT_REG, DT_DIR, ...) for the file type bits of `mode`; DT_UNKNOWN for
 // none of them.
