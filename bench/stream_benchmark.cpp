@@ -67,7 +67,7 @@ void writeNuvra(benchmark::State& state) {
             return;
         }
         for (size_t done = 0; done < kTotal; done += chunk.size()) {
-            file.write(chunk.data(), static_cast<uint32_t>(chunk.size()));
+            benchmark::DoNotOptimize(file.write(chunk.data(), static_cast<uint32_t>(chunk.size())));
         }
         file.close();
     }

@@ -29,7 +29,8 @@ std::string baseName(const std::string& path) {
 
 int main(int argc, char** argv) {
     if (argc < 3 || argc > 4) {
-        std::fprintf(stderr, "usage: find_files ROOT NAME-PATTERN [SKIPPED-DIRECTORY-REGEX]\n");
+        static_cast<void>(std::fprintf(
+            stderr, "usage: find_files ROOT NAME-PATTERN [SKIPPED-DIRECTORY-REGEX]\n"));
         return 2;
     }
     const std::string pattern = argv[2];
@@ -40,11 +41,12 @@ int main(int argc, char** argv) {
     // ".*\.txt" would prune too: no directory name matches it, so the walk would never leave
     // the root. The name pattern is therefore applied here, to files only, not as a filter.
     if (argc == 4 && it.addFilter(argv[3], nuvra::utils::kFilterExclude) != 0) {
-        std::fprintf(stderr, "find_files: not a valid regular expression: %s\n", argv[3]);
+        static_cast<void>(
+            std::fprintf(stderr, "find_files: not a valid regular expression: %s\n", argv[3]));
         return 2;
     }
     if (!it.open(/*includeAll=*/true, /*recursive=*/true, argv[1])) {
-        std::fprintf(stderr, "find_files: cannot open %s\n", argv[1]);
+        static_cast<void>(std::fprintf(stderr, "find_files: cannot open %s\n", argv[1]));
         return 1;
     }
     for (; !it.atEnd(); it.next()) {

@@ -18,18 +18,31 @@ namespace {
 
 std::unique_ptr<nuvra::crypto::StreamDigest> makeDigest(const std::string& name) {
     using namespace nuvra::crypto;
-    if (name == "md5") return std::make_unique<StreamDigestMD5>(false);
-    if (name == "ripemd160") return std::make_unique<StreamDigestRIPEMD160>();
-    if (name == "sha0") return std::make_unique<StreamDigestSHA>();
-    if (name == "sha1") return std::make_unique<StreamDigestSHA1>();
-    if (name == "sha512") return std::make_unique<StreamDigestSHA512>();
+    if (name == "md5") {
+        return std::make_unique<StreamDigestMD5>(false);
+    }
+    if (name == "ripemd160") {
+        return std::make_unique<StreamDigestRIPEMD160>();
+    }
+    if (name == "sha0") {
+        return std::make_unique<StreamDigestSHA>();
+    }
+    if (name == "sha1") {
+        return std::make_unique<StreamDigestSHA1>();
+    }
+    if (name == "sha512") {
+        return std::make_unique<StreamDigestSHA512>();
+    }
     return nullptr;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3 || makeDigest(argv[1]) == nullptr) {
+    // Made only to check the name: each file gets a digest stream of its own below.
+    const std::unique_ptr<nuvra::crypto::StreamDigest> known =
+        argc < 3 ? nullptr : makeDigest(argv[1]);
+    if (known == nullptr) {
         std::cerr << "usage: hash_files md5|ripemd160|sha0|sha1|sha512 FILE...\n";
         return 2;
     }

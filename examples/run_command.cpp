@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <vector>
 
 #include "nuvra/tiny/clock.h"
 #include "nuvra/tiny/process.h"
@@ -43,36 +42,40 @@ bool pass(PipeChannel& channel, int fd) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3 || std::atoi(argv[1]) <= 0) {
-        std::fprintf(stderr, "usage: run_command SECONDS PROGRAM [ARGUMENT...]\n");
+    const long seconds = argc < 3 ? 0 : std::strtol(argv[1], nullptr, 10);
+    if (seconds <= 0) {
+        static_cast<void>(
+            std::fprintf(stderr, "usage: run_command SECONDS PROGRAM [ARGUMENT...]\n"));
         return 2;
     }
-    const uint64_t limitMs = 1000 * static_cast<uint64_t>(std::atoi(argv[1]));
+    const uint64_t limitMs = 1000 * static_cast<uint64_t>(seconds);
     ChildProcess child(ChildProcess::RedirectStdio | ChildProcess::RedirectStderr);
     if (!child.start(argv + 2)) {
-        std::fprintf(stderr, "run_command: cannot start %s\n", argv[2]);
+        static_cast<void>(std::fprintf(stderr, "run_command: cannot start %s\n", argv[2]));
         return 125;
     }
     // The command reads end of data, never our terminal; should the close fail, a command that
     // reads its input would wait and meet the time limit.
     static_cast<void>(child.stdinPipe().close());
 
-    PipeChannel* channels[] = {&child.stdoutPipe(), &child.stderrPipe()};
-    const int targets[] = {STDOUT_FILENO, STDERR_FILENO};
-    std::vector<pollfd> fds = {{channels[0]->readFd, POLLIN, 0}, {channels[1]->readFd, POLLIN, 0}};
+    constexpr nfds_t kStreams = 2;
+    PipeChannel* channels[kStreams] = {&child.stdoutPipe(), &child.stderrPipe()};
+    const int targets[kStreams] = {STDOUT_FILENO, STDERR_FILENO};
+    pollfd fds[kStreams] = {{channels[0]->readFd, POLLIN, 0}, {channels[1]->readFd, POLLIN, 0}};
     const uint64_t startMs = nuvra::tiny::tickClockMs();
     int open = 2;
     while (open > 0) {
         const uint64_t elapsedMs = nuvra::tiny::tickClockMs() - startMs;
         if (elapsedMs >= limitMs) {
             static_cast<void>(nuvra::tiny::killProcess(child.pid()));  // kills and reaps it
-            std::fprintf(stderr, "run_command: %s took longer than %s s\n", argv[2], argv[1]);
+            static_cast<void>(
+                std::fprintf(stderr, "run_command: %s took longer than %s s\n", argv[2], argv[1]));
             return 124;
         }
-        if (poll(fds.data(), fds.size(), static_cast<int>(limitMs - elapsedMs)) < 0) {
+        if (poll(fds, kStreams, static_cast<int>(limitMs - elapsedMs)) < 0) {
             continue;  // interrupted: look at the clock again
         }
-        for (size_t i = 0; i < fds.size(); ++i) {
+        for (nfds_t i = 0; i < kStreams; ++i) {
             // POLLHUP without POLLIN: the writer has gone and nothing is left to read.
             if ((fds[i].revents & (POLLIN | POLLHUP)) != 0 && !pass(*channels[i], targets[i])) {
                 fds[i].fd = -1;  // poll skips negative descriptors

@@ -49,7 +49,8 @@ bool shouldFold(const unsigned char* data, size_t count) {
 
 }  // namespace
 
-namespace [[gnu::visibility("hidden")]] internal {
+// Not joined to the enclosing namespace: the attribute cannot go on a joined name.
+namespace [[gnu::visibility("hidden")]] internal {  // NOLINT(modernize-concat-nested-namespaces)
 
 int foldLatin1Update(EVP_MD_CTX* context, const unsigned char* data, size_t count) {
     if (!shouldFold(data, count)) {

@@ -145,7 +145,7 @@ struct OneShotModel {
     const EVP_MD* (*algorithm)();
     bool latin1;
 
-    std::string digest(std::string data) const {
+    [[nodiscard]] std::string digest(std::string data) const {
         if (latin1) {
             data.erase(
                 std::remove_if(data.begin(), data.end(), [](char c) { return (c & 0xFC) == 0xC0; }),

@@ -44,7 +44,8 @@ int compare(int a, int b) { return (a > b) - (a < b); }
 
 }  // namespace
 
-namespace [[gnu::visibility("hidden")]] internal {
+// Not joined to the enclosing namespace: the attribute cannot go on a joined name.
+namespace [[gnu::visibility("hidden")]] internal {  // NOLINT(modernize-concat-nested-namespaces)
 
 void setTickSourceForTesting(TickSource source) {
     NMutexLock lock(tickClockMutex);

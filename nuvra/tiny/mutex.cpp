@@ -8,7 +8,8 @@
 #include "nuvra/tiny/internal/mutex_init.h"
 
 namespace nuvra::tiny {
-namespace [[gnu::visibility("hidden")]] internal {
+// Not joined to the enclosing namespace: the attribute cannot go on a joined name.
+namespace [[gnu::visibility("hidden")]] internal {  // NOLINT(modernize-concat-nested-namespaces)
 
 void throwIfMutexInitFailed(int result) {
     switch (result) {

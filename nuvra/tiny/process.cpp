@@ -154,7 +154,8 @@ pid_t spawnWith(const char* const argv[], pid_t* pidOut, DescriptorList* keepLis
 
 }  // namespace
 
-namespace [[gnu::visibility("hidden")]] internal {
+// Not joined to the enclosing namespace: the attribute cannot go on a joined name.
+namespace [[gnu::visibility("hidden")]] internal {  // NOLINT(modernize-concat-nested-namespaces)
 
 void setWaitPollMsForTesting(int32_t milliseconds) { waitPollMs = milliseconds; }
 
@@ -343,7 +344,8 @@ bool ChildProcess::start(const char* const argv[]) {
     }
     if (priority_ != -1) {
         // pid_ still names the previous child (or -1) here; see the header.
-        static_cast<void>(setProcessPriority(pid_, priority_));  // best effort: the child runs anyway
+        // Best effort: the child runs whether or not the niceness could be set.
+        static_cast<void>(setProcessPriority(pid_, priority_));
     }
     pid_ = childPid_;
     return true;

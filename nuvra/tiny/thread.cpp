@@ -72,7 +72,8 @@ void* threadStartRoutine(void* argument) {
 
 }  // namespace
 
-namespace [[gnu::visibility("hidden")]] internal {
+// Not joined to the enclosing namespace: the attribute cannot go on a joined name.
+namespace [[gnu::visibility("hidden")]] internal {  // NOLINT(modernize-concat-nested-namespaces)
 
 int32_t liveThreadStartRecords() { return liveStartRecords.load(std::memory_order_relaxed); }
 

@@ -82,7 +82,7 @@ __attribute__((format(printf, 2, 0))) void appendFormatV(std::string& out, const
             // The old buffer is deliberately leaked, not freed: long-standing behaviour that
             // callers rely on.
             static_cast<void>(buffer.release());
-            return;
+            return;  // NOLINT(clang-analyzer-unix.Malloc): the leak is the one meant above
         }
     }
 }
@@ -171,8 +171,8 @@ int appendFormatBounded(char* buf, size_t size, const char* format, ...) {
 char* formatIPv4(char* buf, uint32_t address) {
     const auto a = bytesInMemory(address);
     // The buffer is sized for the longest address, so the count tells nothing.
-    static_cast<void>(formatBounded(buf, kIPv4TextSize, "%u.%u.%u.%u", unsigned{a[0]}, unsigned{a[1]}, unsigned{a[2]},
-                  unsigned{a[3]}));
+    static_cast<void>(formatBounded(buf, kIPv4TextSize, "%u.%u.%u.%u", unsigned{a[0]},
+                                    unsigned{a[1]}, unsigned{a[2]}, unsigned{a[3]}));
     return buf;
 }
 

@@ -275,7 +275,8 @@ int* setLastError(int value) {
     return &errno;
 }
 
-namespace [[gnu::visibility("hidden")]] internal {
+// Not joined to the enclosing namespace: the attribute cannot go on a joined name.
+namespace [[gnu::visibility("hidden")]] internal {  // NOLINT(modernize-concat-nested-namespaces)
 
 bool getTotalMemoryFrom(const char* path, int64_t* bytes) {
     if (bytes == nullptr) {

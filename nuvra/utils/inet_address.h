@@ -45,11 +45,11 @@ class InetAddress {
     // The host name, looked up on the first call and kept from then on. Throws
     // CantResolveException when the look-up fails, leaving the name unknown so that a later
     // call tries again.
-    virtual std::string getHostName() const = 0;
+    [[nodiscard]] virtual std::string getHostName() const = 0;
     virtual ~InetAddress();
 
     // The text print() writes.
-    std::string toString() const;
+    [[nodiscard]] std::string toString() const;
 
   protected:
     InetAddress() = default;
@@ -84,7 +84,7 @@ class Inet4Address : public InetAddress {
     // only one whose reason comes from h_errno rather than from the resolver's return code;
     // both are kept so that callers matching on them keep working.
     // Only CantResolveException and std::bad_alloc may leave.
-    std::string getHostName() const override;
+    [[nodiscard]] std::string getHostName() const override;
 
     // The address in network byte order.
     in_addr_t toNetworkOrder() const;
@@ -136,7 +136,7 @@ class Inet6Address : public InetAddress {
     // resolve host: <address> (error <gai_strerror(code)>)") when getaddrinfo fails, or
     // with code 0 when it lists nothing.
     // Only CantResolveException and std::bad_alloc may leave.
-    std::string getHostName() const override;
+    [[nodiscard]] std::string getHostName() const override;
 
     // The 16 bytes.
     in6_addr toIn6Addr() const;

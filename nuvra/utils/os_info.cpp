@@ -159,7 +159,8 @@ bool isVirtualAppliance() { return internal::isVirtualApplianceAt(""); }
 
 void detectOsInfo(OsInfo& out) { internal::detectOsInfoAt(out, ""); }
 
-namespace [[gnu::visibility("hidden")]] internal {
+// Not joined to the enclosing namespace: the attribute cannot go on a joined name.
+namespace [[gnu::visibility("hidden")]] internal {  // NOLINT(modernize-concat-nested-namespaces)
 
 bool isVirtualApplianceAt(const std::string& root) {
     struct stat status {};

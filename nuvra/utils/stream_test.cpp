@@ -116,7 +116,7 @@ TEST_F(NFileTest, BufferedDataReachesTheFileAndOnlyThatFile) {
     EXPECT_FALSE(in.endOfFile());
 
     ASSERT_TRUE(in.open("/dev/full", "w"));  // every write fails with ENOSPC
-    EXPECT_EQ(in.write("x", 1), 1U);  // buffered
+    EXPECT_EQ(in.write("x", 1), 1U);
     EXPECT_TRUE(in.flush() == -1 && errno == ENOSPC);
     in.close();  // the byte that could not be written is dropped, not kept for the next file
     ASSERT_TRUE(in.open(file.c_str(), "a"));

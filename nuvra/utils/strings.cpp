@@ -180,7 +180,7 @@ class WildcardMatcher {
         return at;
     }
 
-    bool isSpecial(Char c) const {
+    [[nodiscard]] bool isSpecial(Char c) const {
         return c == 0 || c == '*' || c == '?' || c == '[' || (c == '\\' && !noEscape_);
     }
 
@@ -237,7 +237,7 @@ class WildcardMatcher {
         return true;
     }
 
-    bool inRange(Char c, Char low, Char high) const {
+    [[nodiscard]] bool inRange(Char c, Char low, Char high) const {
         const uint32_t value = Folder::value(c);
         if (Folder::value(low) <= value && value <= Folder::value(high)) {
             return true;
@@ -247,7 +247,7 @@ class WildcardMatcher {
     }
 
     // Whether "?" or a set may consume the current text character.
-    bool canMatchAnyOne() const {
+    [[nodiscard]] bool canMatchAnyOne() const {
         return *text_ != 0 && !(pathMode_ && *text_ == '/') && !isProtectedPeriod(text_);
     }
 
@@ -255,7 +255,9 @@ class WildcardMatcher {
         return protectPeriod_ && *at == '.' && (at == textStart_ || (pathMode_ && at[-1] == '/'));
     }
 
-    bool sameCharacter(Char a, Char b) const { return foldCase_ ? fold_(a) == fold_(b) : a == b; }
+    [[nodiscard]] bool sameCharacter(Char a, Char b) const {
+        return foldCase_ ? fold_(a) == fold_(b) : a == b;
+    }
 
     const Char* pattern_;
     const Char* text_;
