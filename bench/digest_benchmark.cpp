@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Digest streams against libcrypto's one-shot EVP_Digest over the same bytes.
 //
 // 1 MiB is written to the stream in 4 KiB pieces, as a caller copying a file would; the

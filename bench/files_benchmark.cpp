@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // File copy, tree walk and tree removal against std::filesystem doing the same work.
 // Everything lives in a scratch directory under /tmp that is removed at exit.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // toHex against the C library doing the same job: a snprintf("%02x") per byte into a
 // string sized once, over the same random bytes.
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Times nuvra-guid against uuidgen as whole processes, in one hyperfine run, and prints the
 # ratio of their medians (below 1: nuvra-guid starts and finishes faster).
 #   bench/guid_startup.sh [runs]     (default 300)

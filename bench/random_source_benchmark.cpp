@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RandomSource against the libraries a caller would otherwise use for the same job:
 // makeUniqueId against a libuuid identifier as text, getBytes against RAND_bytes.
 

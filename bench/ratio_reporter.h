@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A console reporter that, after the usual table, prints for every benchmark pair named
 // "<case>/nuvra" and "<case>/baseline" the ratio of their CPU times per iteration. A ratio
 // below 1 means nuvra is faster than the standard library or tool doing the same job.

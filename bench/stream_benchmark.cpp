@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // NFile buffered writing and reading against stdio (fwrite/fread) doing the same work: 64 MiB
 // through a file under /tmp, in the same chunk sizes on both sides.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Wildcard matching against fnmatch, and the case-insensitive search against strcasestr,
 // on the same inputs.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Uuid against libuuid called directly, for the same work.
 
 #include <uuid/uuid.h>

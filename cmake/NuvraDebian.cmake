@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # cpack -G DEB: one Debian package per component, split the way Debian splits a library.
 #   nuvra-guid    the tool (linked statically) and its manual page; depends on nothing
 #   libnuvra<N>   the shared library (N: its SONAME version), with shlibs and the ldconfig

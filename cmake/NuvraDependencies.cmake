@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Third-party libraries nuvra links against, found the CMake way.
 
 find_package(Threads REQUIRED)

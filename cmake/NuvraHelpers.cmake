@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Helpers shared by nuvra's CMake files.
 
 # A GoogleTest executable of nuvra's tests, from the sources given; CTest lists each of its

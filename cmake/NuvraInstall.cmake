@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Install rules, the CMake package (nuvra::nuvra), the pkg-config file, and the packages cpack
 # makes. Included from the top-level CMakeLists.txt when NUVRA_INSTALL is on.
 #

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The three link targets (nuvra::libuuid, nuvra::libcrypto, nuvra::boost_regex) that nuvra's
 # static archive names for its private dependencies.
 # Included by the build and by the installed nuvraConfig.cmake, once the packages below have

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # NUVRA_SANITIZE builds everything, the library, its tests and the tool, with one sanitizer.
 # What cannot work under one looks at the same variable: the tool is then linked dynamically,
 # and its memcheck run is left out.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Warnings for nuvra's own targets; third-party headers are included as system headers.
 # Warnings become errors only with NUVRA_WERROR, which the presets (and so CI) turn on: a
 # newer compiler's new warning must not break the build of someone who embeds nuvra.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Builds nuvra as 32-bit x86 (i386) programs with the host's multilib g++ and runs them with
 # qemu-i386-static. The third-party libraries and their headers come from i386 Debian
 # packages unpacked into NUVRA_I386_SYSROOT (default: <build tree>/sysroot), which

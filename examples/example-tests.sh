@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Runs one example program once and checks what it printed:
 #
 #   example-tests.sh EXAMPLE PROGRAM SOURCE-DIR

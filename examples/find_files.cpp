@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walks a directory tree and lists the regular files whose names match a shell pattern, with
 // their modes and sizes; directories whose names match an optional regular expression are
 // skipped with everything below them:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hashes files with one of nuvra's digest streams and prints one line per file in the form
 // the coreutils sums print ("<hex digest>  <file name>"), so the output can be compared with
 // md5sum, sha1sum or sha512sum:

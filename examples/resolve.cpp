@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Resolves host names to IPv4 addresses and back, then lists this machine's host name,
 // interface addresses and hardware addresses:
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a command with its standard output and standard error piped back, and passes both on
 // as they come, under a time limit:
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bounded formatting and the hexadecimal codecs on arbitrary text at random buffer sizes
 // (see formatKeepsTheStart and hexCodecsAgree).
 

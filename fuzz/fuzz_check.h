@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fuzz targets' assertion: names the failed condition, then aborts so that libFuzzer
 // records the input.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Either the wildcard engines on a pattern of complete elements (see enginesAgree), or the
 // case-insensitive search on arbitrary text, pattern and limit (see searchAgrees).
 

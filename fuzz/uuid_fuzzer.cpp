@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds arbitrary text to the GUID parsers: a text accepted must print back as itself, up to
 // its first NUL, in lower case; one rejected must leave the all-zero value; and parse() must
 // agree.

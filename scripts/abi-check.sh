@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Compares the binary interface of the freshly built shared library (the "deb" preset's, which
 # scripts/package-check.sh builds) with the baseline abi/libnuvra.abi, and fails on a change
 # that would break a program built against the baseline: a removed or changed function or

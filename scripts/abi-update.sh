@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Writes the ABI baseline abi/libnuvra.abi from the freshly built shared library (the "deb"
 # preset's; configure and build it first). Run it when an interface change is meant, commit
 # the new baseline, and when the change is incompatible (scripts/abi-check.sh fails on it)

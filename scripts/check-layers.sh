@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Checks every #include "nuvra/..." of the library and the tool against the layer table in
 # nuvra/layers.txt: no include points to a higher layer but where the table allows it, no include cycle joins two topics,
 # nuvra::tiny includes nothing outside itself, nuvra::utils and nuvra::crypto meet only where

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the "coverage" preset (debug, GCC --coverage), runs the native test suite and prints
 # line and branch coverage of the library and the tool, per file and in total. Test sources,
 # test-only helpers, fuzz targets and benchmarks are left out of the counts.

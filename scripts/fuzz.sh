@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the libFuzzer targets (preset "fuzz": clang, AddressSanitizer and
 # UndefinedBehaviorSanitizer) and runs each for a bounded time, starting from its seed corpus
 # in fuzz/corpus/<target>/, two at a time. Exits non-zero when any target finds a crash, a

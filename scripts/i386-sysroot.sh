@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Fills a sysroot with the i386 Debian packages that the 32-bit build links against, without
 # installing them: the amd64 and i386 development packages cannot be installed side by side
 # here (their versions conflict). Run it before configuring the i386 preset (the test command

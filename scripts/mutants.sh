@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Puts small deliberate faults into the library one at a time and tells which of them the test
 # suite catches: for each fault it edits one line, rebuilds a debug tree, runs the native suite
 # and puts the line back.

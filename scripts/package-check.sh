@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Checks nuvra as its users take it, from the optimised "deb" build (shared and static library,
 # tool, examples and tests, installed under /usr):
 # - builds it with warnings as errors and runs the tests there, since an optimising compiler

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages nuvra needs, for one or more profiles:
 #
 #   scripts/setup.sh [tool] [test] [i386]

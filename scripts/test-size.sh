@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Prints the size of the tests against the size of the code they test, in non-blank lines
 # (comments included), and fails when the tests outgrow the code's limit.
 #

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The whole test command, as CI runs it. Installs what is missing (scripts/setup.sh), then:
-# - checks that the tests stay small beside the code (scripts/test-size.sh) and that every
-#   include follows the layers of nuvra/layers.txt (scripts/check-layers.sh);
+# - checks that the tests stay small beside the code (scripts/test-size.sh), that every file
+#   carries its licence line (scripts/check-licence.sh) and that every include follows the
+#   layers of nuvra/layers.txt (scripts/check-layers.sh);
 # - builds and tests an optimised configuration and checks nuvra as its users take it:
 #   installed (CMake package, pkg-config, a shared library on the static archive), pulled in
 #   with FetchContent, and as a Debian package (scripts/package-check.sh);
@@ -16,6 +18,7 @@ cd "$(dirname "$0")/.."
 
 ./scripts/setup.sh test i386
 ./scripts/test-size.sh
+./scripts/check-licence.sh
 ./scripts/check-layers.sh
 # These first, so that the native test runs' summaries are what the output ends with.
 ./scripts/package-check.sh

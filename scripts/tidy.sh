@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs clang-tidy, with the checks in .clang-tidy, over every source file of a configured
 # build tree (default: build/default). Exits non-zero on any finding.
 set -euo pipefail

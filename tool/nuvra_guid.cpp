@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra-guid: prints one freshly generated GUID and exits 0.
 //
 // Arguments, the environment and standard input are never read. Nothing is written to

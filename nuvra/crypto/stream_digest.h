@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra::crypto::StreamDigest and its subclasses: output streams that compute a message
 // digest of everything written to them, for MD5, RIPEMD-160, SHA-0, SHA-1 and SHA-512.
 //

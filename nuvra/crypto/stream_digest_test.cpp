@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "nuvra/crypto/stream_digest.h"
 #include "nuvra/crypto/internal/latin1_fold.h"
 

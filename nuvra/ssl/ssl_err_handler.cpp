@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "nuvra/ssl/ssl_err_handler.h"
 
 #include <openssl/err.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra::ssl::SslErrHandler, which keeps OpenSSL error codes per thread until code on that
 // thread asks for them as text, and discardErrors, which drops the calling thread's queue.
 //

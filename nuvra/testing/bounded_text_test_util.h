@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // For tests of functions that write into a caller's buffer: a buffer between guard zones, and
 // checks of format.h's bounded writers against plain models for its unit test and fuzz target
 // (so without GoogleTest). Each check returns whether the library agrees.

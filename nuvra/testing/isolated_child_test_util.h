@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test support: runs a piece of a test in a forked child inside new namespaces (network,
 // mount, host name), so that tests can change what the child sees (an empty network, a file
 // system table of their own, a host name) without touching the machine, and so that look-ups

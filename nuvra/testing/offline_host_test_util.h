@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test support: runs part of a test in a child on a host of the test's own, which reaches no
 // name server: new network, mount and host-name namespaces, with a host name and an /etc of
 // the test's choosing.

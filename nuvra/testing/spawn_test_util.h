@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test support: starts a program with posix_spawn, with its standard output sent to a pipe,
 // closed, /dev/full or a pipe whose reader has gone, and returns its wait status and what it
 // wrote. SIGPIPE is at its default action in the child, whatever the test runner set.

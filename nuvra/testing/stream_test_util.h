@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test support: an in-memory NStream whose raw layer moves at most a set number of bytes per
 // call and fails writes on demand, so that tests can cut a byte sequence anywhere.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checks of strings.h for its unit test and fuzz targets (so without GoogleTest): the wildcard
 // engines against fnmatch, the case-insensitive search against strcasestr. Each returns
 // whether the library agrees.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test support: temporary directories that remove themselves, whole-file reads and writes,
 // and a fixture with a fresh tree plus a second directory standing for "outside the tree".
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time in nuvra::tiny: wall clocks in milliseconds, the process-wide tick clock against which
 // elapsed time and time limits are measured, a millisecond sleep, thread-safe wrappers of the
 // reentrant time conversions, the local offset from UTC, English month and day

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra::tiny::NMutex, the library's one lock: a recursive POSIX mutex behind a small virtual
 // interface, and NMutexLock, its scoped guard.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Child processes in nuvra::tiny: ChildProcess forks (or vforks) a child, optionally connects
 // its standard input, output and error to pipes (PipeChannel), optionally closes every other
 // descriptor in the child (DescriptorList), and executes a program found on PATH; the parent

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Record sizes and call numbers that nuvra's code depends on differ between i386 and x86-64: a
 // cross build that quietly fell back to the host's ABI fails here, while compiling.
 

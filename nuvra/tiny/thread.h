@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Thin thread management on POSIX threads: starting a function on a new thread with an optional
 // stack size and a name (createThread), joining and detaching it, setting the calling thread's
 // scheduling priority, process-wide hooks called at the start and end of every thread the

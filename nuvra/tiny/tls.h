@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Thread-local value slots over POSIX thread-specific keys, and the identity of the calling
 // thread and process.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Descriptor hygiene across the library, the one place that checks it: calls that open and
 // close within themselves leave nothing open, and every descriptor the library holds is
 // close-on-exec while it is held, so that a program started then inherits none of them.

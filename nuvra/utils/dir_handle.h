@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // DirHandle, nuvra's open-directory record, and the functions that open, read and close it.
 // The tree functions of nuvra/utils/filesystem.h and the walkers of nuvra/utils/directory.h
 // read directories through it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra directory walking: DirectoryReader, a thin non-recursive reader over one open
 // directory, and DirectoryIterator, a depth-first walker that can descend into
 // sub-directories and filters entry names through regular expressions (Perl syntax).

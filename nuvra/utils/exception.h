@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra::utils::Exception: the library's own exception type.
 //
 // Most of nuvra reports failure through return values (false, -1, null, status codes) and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra file-system helpers: free functions over the POSIX file-system calls for making,
 // removing and copying directory trees, copying files, touching time stamps, asking about
 // existence, type and size, making paths absolute and tidy, truncating descriptors, and a few

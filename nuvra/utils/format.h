@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Turning values into text and back: printf-style formatting into std::string and into
 // bounded buffers, number text in any base from 2 to 36, IPv4 address text, readable byte
 // sizes and durations, 64-bit byte-order reversal, and hexadecimal encoding and decoding.

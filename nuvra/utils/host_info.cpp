@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "nuvra/utils/host_info.h"
 
 #include <arpa/inet.h>

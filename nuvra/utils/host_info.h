@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra host facts: free functions that report the host's name, the space and file-system
 // type of the disk holding a path, the total memory, the environment's locale, the IPv4
 // addresses and the hardware (MAC) addresses of the network interfaces, and two accessors

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra::utils::InetAddress and its IPv4 and IPv6 forms: copyable IP address values with a
 // host name that is looked up on first use and then kept, static functions that turn a host
 // name or a literal into an address, and a reverse look-up of a dotted quad.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Distribution detection: detectOsInfo, which fills the OsInfo record of the running Linux
 // system (nuvra/utils/os_info_record.h, included here), and the release-file search it uses.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "nuvra/utils/os_info_record.h"
 
 namespace nuvra::utils {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra::utils::OsInfo: the description of the running Linux system, one record filled in
 // place by the host facts (readLocale, nuvra/utils/host_info.h) and by distribution detection
 // (detectOsInfo, nuvra/utils/os_info.h).

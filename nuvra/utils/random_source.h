@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra::utils::RandomSource: random bytes, integers, hexadecimal text and unique ids.
 //
 // A source reads the kernel's random device ("/dev/urandom"). When the device cannot be

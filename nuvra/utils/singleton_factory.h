@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra::utils::SingletonFactory: one process-wide instance of a type, created on first use
 // and destroyed as its policy says; and DestroyAtExit, the policy that destroys it when the
 // process exits.

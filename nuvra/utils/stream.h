@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra::utils::NStream and its concrete streams: buffered byte streams with a fixed 4 KiB
 // read buffer and a fixed 4 KiB write buffer inside the object, NFile over a POSIX file
 // descriptor with advisory whole-file locks (FileLock), and NStdIStream, a read-only adapter

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Matching, searching, tokenising and editing of text.
 //
 // Most functions work in place on NUL-terminated byte strings with caller-supplied buffers

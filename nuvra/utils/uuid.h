@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra::utils::Uuid: a GUID value over the system UUID library.
 //
 // A Uuid is 16 bytes in GUID storage order plus a flag that says whether the value came from

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // nuvra::utils::VirtInfo: what the library found out about a hypervisor under the running
 // system, and the detection that fills it.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "nuvra/utils/virt_info.h"
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program outside the nuvra tree, built against nuvra: it prints nuvra's version, generates,
 // prints and parses a Uuid and computes a digest, and exits non-zero when any of it goes wrong.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A shared library of the consumer's own that uses nuvra inside.
 
 #ifndef NUVRA_CONSUMER_PLUGIN_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Calls into the consumer's shared library, which carries nuvra inside.
 
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Latin-1 fold of StreamDigestMD5's Latin-1 mode. Internal to nuvra.
 
 #ifndef NUVRA_CRYPTO_INTERNAL_LATIN1_FOLD_H_

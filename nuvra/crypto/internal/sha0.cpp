@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "nuvra/crypto/internal/sha0.h"
 
 namespace nuvra::crypto {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SHA-0, the 160-bit hash of the first Secure Hash Standard (FIPS 180, 1993), which current
 // libcrypto releases no longer carry. StreamDigestSHA hashes with it. Internal to nuvra.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets tests drive the clocks of nuvra/tiny/clock.h: a replacement for the kernel's tick count
 // behind tickClockMs (and so behind every IntervalTimer), and the pure arithmetic of the wall
 // clocks and of sleepMs. Internal to nuvra: not part of the public interface.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps a throwing function's declared exception list in code.
 //
 // Internal to nuvra: not part of the public interface.

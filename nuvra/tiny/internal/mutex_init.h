@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How NMutex turns the result of pthread_mutex_init into an exception. Internal to nuvra:
 // separate so that tests can check every mapping without making the system call fail.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets tests shorten the pause between the polls of waitForProcessTimeout, so that code
 // built on the timed wait can be exercised without a second per poll. The time limit itself
 // is still measured on the tick clock. Internal to nuvra: not part of the public interface.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets tests look inside nuvra/tiny/thread.h: the number of thread start records alive, the
 // attribute object createThread builds for a stack size, the SIGUSR2 handler, and replacements
 // for the system calls that tests cannot make fail on demand. Internal to nuvra: not part of the

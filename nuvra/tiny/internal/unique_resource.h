@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Owners of the C resources the library holds for the length of a scope or an object: a file
 // descriptor, a malloc'ed block, a getaddrinfo list and an opendir stream. Each releases its
 // resource with the call that belongs to it on every way out. Internal to nuvra.

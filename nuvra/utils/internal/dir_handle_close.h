@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // closeDir that reports how closedir went, for DirectoryReader::close. Internal to nuvra.
 
 #ifndef NUVRA_UTILS_INTERNAL_DIR_HANDLE_CLOSE_H_

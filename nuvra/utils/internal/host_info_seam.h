@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets tests run the host-fact parsers over inputs of their own instead of the fixed system
 // sources. Internal to nuvra: not part of the public interface.
 

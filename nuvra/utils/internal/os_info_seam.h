@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets tests run distribution detection over a directory tree of their own instead of the
 // system's /etc, and feed the uname step chosen machine and release strings. Internal to
 // nuvra: not part of the public interface.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Path and directory-entry helpers shared by the file-system, directory and host code.
 // Internal to nuvra.
 
