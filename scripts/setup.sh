@@ -7,7 +7,8 @@
 #   tool  building the library and nuvra-guid: compiler, CMake, Ninja, pkg-config and the
 #         three libraries' development packages (the default)
 #   test  also everything the test command uses: GoogleTest, Google Benchmark, clang with
-#         libFuzzer and clang-tidy, valgrind, gcovr, the packaging and ABI tools, iproute2
+#         libFuzzer and clang-tidy, valgrind, gcovr, the packaging and ABI tools, iproute2,
+#         and git, through which the checks list the checkout's files
 #   i386  the 32-bit compiler and the user-mode emulator of the i386 preset
 #
 # Idempotent: it asks apt only for what is missing, and refreshes the package lists only then.
@@ -19,7 +20,7 @@ test_packages=(
     clang clang-tidy libclang-rt-14-dev libfuzzer-14-dev valgrind gcovr
     uuid-runtime hyperfine
     dpkg-dev file lintian abigail-tools
-    iproute2
+    iproute2 git
 )
 i386_packages=(g++-multilib qemu-user-static)
 
